@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the main job need (only the missing ones).
+set -euo pipefail
+packages=(cmake g++ pkg-config make libffmpeg-nvenc-dev libde265-dev libpng-dev
+          libgtest-dev libgmock-dev libbenchmark-dev x265 ffmpeg binutils python3)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  sudo_cmd=""
+  [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
+  $sudo_cmd apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+if [ ! -x /usr/local/cuda/bin/nvcc ] && ! command -v nvcc >/dev/null; then
+  echo "install-deps: the CUDA toolkit (nvcc 12.8 or newer) is required at /usr/local/cuda" >&2
+  exit 1
+fi

@@ -1,0 +1,37 @@
+// Decodes samples on NVDEC and unpacks them into the caller's data format.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "container/qrv_file.h"
+
+class HwDecoder {
+public:
+    HwDecoder(uint32_t dataFormat, uint32_t codec, uint32_t width, uint32_t height);
+    ~HwDecoder();
+    HwDecoder(const HwDecoder&) = delete;
+    HwDecoder& operator=(const HwDecoder&) = delete;
+
+    bool isReady() const { return ready; }
+    // Packed bytes written to out; 0 when no frame came out.
+    uint32_t decode(const uint8_t* sample, uint64_t sampleBytes, void* out);
+
+    bool readIndex(FILE* stream) { return reader.readIndex(stream); }
+    int decodeNextRecord(FILE* stream, void* out, uint32_t* frameNumber, uint64_t* captureTime,
+                         uint32_t* frameType, uint8_t* sampleInfo, uint32_t w, uint32_t h);
+    bool lookUpSampleInfo(int32_t sample, uint8_t* sampleInfo) const {
+        return reader.lookUpSampleInfo(sample, sampleInfo);
+    }
+    bool seekToSample(FILE* stream, int32_t sample);
+
+private:
+    QrvDecodeStep decodeStep();
+
+    uint32_t dataFormat;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t codec;
+    bool ready = false;
+    QrvHardwareReader reader;
+};

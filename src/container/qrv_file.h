@@ -1,0 +1,150 @@
+// The QRV recording file: frame records, the sample index and the trailer.
+//
+// Layout (little-endian, no padding):
+//   client header | frame records | index entries (16 bytes each) | u32 frame count
+// Frame record:
+//   u32 frameNumber | u64 captureTime | u32 frameType | u32 payloadBytes | payload
+//   | u64 sampleTime (captureTime / 1000) | metadata words (u32 each; readers assume 64)
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <stdexcept>
+#include <vector>
+
+// Frame type of a record from which decoding can start (IDR).
+constexpr uint32_t kKeyFrameType = 3;
+constexpr size_t kMetadataBytes = 256;
+constexpr size_t kMetadataWords = kMetadataBytes / 4;
+
+struct QrvIndexEntry {
+    uint64_t recordOffset;  // stream position of the record's frameNumber
+    uint32_t frameType;
+    uint32_t reserved;      // written as 0, ignored by readers
+};
+static_assert(sizeof(QrvIndexEntry) == 16, "index entries are 16 bytes in the file");
+
+// The last 264 bytes of a record.
+struct QrvSampleInfo {
+    uint64_t sampleTime;
+    uint8_t metadata[kMetadataBytes];
+};
+static_assert(sizeof(QrvSampleInfo) == 264, "sample infos are 264 bytes in the file");
+
+// The head fields of one record, as the software reader lists them.
+struct QrvRecordHead {
+    uint32_t frameNumber;
+    uint32_t frameType;
+    uint64_t captureTime;
+};
+static_assert(sizeof(QrvRecordHead) == 16, "record heads are 16 bytes");
+
+// Out-of-range access to the index tables; host applications match this text.
+struct QrvSubscriptError : std::out_of_range {
+    QrvSubscriptError() : std::out_of_range("invalid vector<T> subscript") {}
+};
+
+// Element i of v, or QrvSubscriptError.
+template <typename T>
+const T& qrvAt(const std::vector<T>& v, size_t i) {
+    if (i >= v.size()) throw QrvSubscriptError();
+    return v[i];
+}
+
+// ---- Writer -------------------------------------------------------------------
+
+struct QrvRecord {
+    uint32_t frameNumber;
+    uint64_t captureTime;
+    uint32_t frameType;
+    const uint8_t* payload;
+    uint64_t payloadBytes;     // only the low 32 bits are stored in the head
+    const uint32_t* metadata;  // may be null when metadataWords <= 0
+    int32_t metadataWords;     // a null pointer or a count <= 0 writes no metadata
+};
+
+// Writes the seven fields of one record at the stream's current position.
+void qrvWriteRecord(FILE* stream, const QrvRecord& record);
+
+// Writes all index entries as one block, then the u32 frame count.
+void qrvWriteIndex(FILE* stream, const std::vector<QrvIndexEntry>& index, uint32_t frameCount);
+
+// ---- Shared reader rules --------------------------------------------------------
+
+// Sample lookup shared by both readers: samples below 1 or not below the table size
+// are refused; otherwise the 264 bytes are copied to out.
+bool qrvLookUpSampleInfo(const std::vector<QrvSampleInfo>& infos, int32_t sample, uint8_t* out);
+
+// The nearest index entry at or before `sample` whose frame type is a key frame,
+// or 0 when there is none. Negative samples return -1; a sample not below the index
+// size throws QrvSubscriptError.
+int32_t qrvKeyFrameAtOrBefore(const std::vector<QrvIndexEntry>& index, int32_t sample);
+
+// ---- Hardware reader --------------------------------------------------------------
+
+// Decodes one payload into `out`; returns 1 or more when a frame was produced.
+using QrvDecodeStep = std::function<int(const uint8_t* payload, uint32_t payloadBytes, void* out)>;
+
+// The index reader and record walks used by the hardware decoder. Keeps the index,
+// the N - 1 sample infos and the frame count of the last file read, and the payload
+// buffer that the walks read into.
+class QrvHardwareReader {
+public:
+    // Reads the trailer, the index and the sample infos; false for an empty or
+    // unreadable index. Leaves the stream at the start of the file.
+    bool readIndex(FILE* stream);
+
+    // One try of sequential reading from the stream's position: 1 frame decoded,
+    // 0 no frame, -1 no record here (the stream is stepped back).
+    int decodeNextRecord(FILE* stream, void* out, uint32_t* frameNumber, uint64_t* captureTime,
+                         uint32_t* frameType, uint8_t* sampleInfo, uint32_t width,
+                         uint32_t height, const QrvDecodeStep& decode);
+
+    bool lookUpSampleInfo(int32_t sample, uint8_t* sampleInfo) const;
+
+    // Leaves the stream at record `sample` after decoding the records from the
+    // nearest earlier key frame.
+    bool seekToSample(FILE* stream, int32_t sample, uint32_t width, uint32_t height,
+                      const QrvDecodeStep& decode);
+
+    uint32_t frameCount() const { return frameCount_; }
+    const std::vector<QrvIndexEntry>& index() const { return index_; }
+    const std::vector<QrvSampleInfo>& sampleInfos() const { return sampleInfos_; }
+
+private:
+    std::vector<QrvIndexEntry> index_;
+    std::vector<QrvSampleInfo> sampleInfos_;
+    uint32_t frameCount_ = 0;
+    std::vector<uint8_t> payloadBuffer_;  // grown to width * height * 4 bytes
+};
+
+// ---- Software reader --------------------------------------------------------------
+
+// The tables of the software decoder.
+struct QrvSoftwareIndex {
+    std::vector<QrvIndexEntry> frameList;
+    std::vector<QrvSampleInfo> sampleInfos;  // N entries: the last one carries the last record's metadata
+    std::vector<QrvRecordHead> recordHeads;
+    int32_t sampleCount = 0;
+};
+
+// Reads the trailer, index, record heads and the N sample infos. Leaves the stream
+// at the start of the file.
+bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables);
+
+// One record read by the software decoder, from the stream's position.
+struct QrvSoftwareRecord {
+    QrvRecordHead head;
+    uint32_t payloadBytes;
+    uint64_t sampleTime;
+    uint32_t metadata[kMetadataWords];
+};
+
+// Reads the record at the stream's position into `record`, its payload into
+// `payload` (capacity bytes). A frame number above sampleCount steps the stream
+// back and fails; so does a payload larger than the capacity (after skipping it).
+// Succeeds when at least one payload byte was read.
+bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, size_t capacity,
+                           QrvSoftwareRecord& record);
