@@ -1,0 +1,44 @@
+#include "NVCompression/NvCodec/NvEncoder/NvEncoderCapabilities.h"
+
+namespace {
+
+bool supportsCodec(const NV_ENCODE_API_FUNCTION_LIST& nvenc, void* encoder, GUID codec) {
+    NV_ENC_CAPS_PARAM query = {};
+    query.version = kNvEncCapsParamVersion;
+    query.capsToQuery = NV_ENC_CAPS_WIDTH_MAX;
+    int maxWidth = 0;
+    nvenc.nvEncGetEncodeCaps(encoder, codec, &query, &maxWidth);
+    return maxWidth > 0;
+}
+
+}  // namespace
+
+EncoderCapabilities probeEncoderCapabilities(CUcontext context) {
+    EncoderCapabilities caps;
+    const DriverApi& api = driverApi();
+    NvencFunctions* library = nullptr;
+    if (!api.loadNvenc || api.loadNvenc(&library) != 0) return caps;
+
+    uint32_t version = 0;
+    library->NvEncodeAPIGetMaxSupportedVersion(&version);
+    NV_ENCODE_API_FUNCTION_LIST nvenc = {};
+    nvenc.version = kNvEncFunctionListVersion;
+    if (version >= kNvEncRequiredMaxVersion && library->NvEncodeAPICreateInstance &&
+        library->NvEncodeAPICreateInstance(&nvenc) == NV_ENC_SUCCESS &&
+        nvenc.nvEncOpenEncodeSessionEx) {
+        NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS session = {};
+        session.version = kNvEncOpenSessionParamsVersion;
+        session.deviceType = NV_ENC_DEVICE_TYPE_CUDA;
+        session.device = context;
+        session.apiVersion = kNvEncApiVersion;
+        void* encoder = nullptr;
+        nvenc.nvEncOpenEncodeSessionEx(&session, &encoder);
+        if (encoder) {
+            caps.h264 = supportsCodec(nvenc, encoder, NV_ENC_CODEC_H264_GUID);
+            caps.hevc = supportsCodec(nvenc, encoder, NV_ENC_CODEC_HEVC_GUID);
+            nvenc.nvEncDestroyEncoder(encoder);
+        }
+    }
+    api.freeNvenc(&library);
+    return caps;
+}
