@@ -114,10 +114,17 @@ public:
     const std::vector<QrvSampleInfo>& sampleInfos() const { return sampleInfos_; }
 
 private:
+    enum class RecordOutcome { Refused, Decoded, NotDecoded };
+    // Reads the record at the stream's position and decodes its payload into `frame`.
+    RecordOutcome readRecord(FILE* stream, void* frame, QrvRecordHead& head, uint8_t* sampleInfo,
+                             uint32_t width, uint32_t height, const QrvDecodeStep& decode);
+    // False when width * height * 4 overflows or cannot be allocated.
+    bool growPayloadBuffer(uint32_t width, uint32_t height);
+
     std::vector<QrvIndexEntry> index_;
     std::vector<QrvSampleInfo> sampleInfos_;
     uint32_t frameCount_ = 0;
-    std::vector<uint8_t> payloadBuffer_;  // grown to width * height * 4 bytes
+    std::vector<uint8_t> payloadBuffer_;  // grown (never shrunk) to width * height * 4 bytes
 };
 
 // ---- Software reader --------------------------------------------------------------
@@ -148,3 +155,11 @@ struct QrvSoftwareRecord {
 // Succeeds when at least one payload byte was read.
 bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, size_t capacity,
                            QrvSoftwareRecord& record);
+
+// ---- Record access by offset (tools) ------------------------------------------------
+
+// Reads the head and payload size of the record at `offset` and, when `payload` is not
+// null, its payload (resized to fit). False when the head or the whole payload does not
+// lie within the file, so a hostile size never causes a large allocation.
+bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
+                     std::vector<uint8_t>* payload);
