@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <vector>
 
-#include "container/qrv_file.h"
+#include <libde265/de265.h>
 
-struct de265_decoder_context;
+#include "container/qrv_file.h"
 
 class SwDecoder {
 public:
@@ -28,9 +28,24 @@ public:
     bool seekToSample(FILE* stream, int32_t sample);
 
 private:
+    // Reads the record at the stream's position, decodes it and returns its picture, or
+    // null when the record could not be read or gave no picture. The picture is valid only
+    // until the next libde265 call.
+    const de265_image* decodeRecord();
+
     QrvSoftwareIndex tables;
+    std::vector<uint8_t> payloadBuffer;
+    QrvSoftwareRecord lastRecord{};  // head, sample time and metadata of the last record read
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t swReserved = 0;
     bool ready = false;
+    FILE* stream = nullptr;
+    de265_error lastError = DE265_OK;
+    de265_decoder_context* decoder = nullptr;
+    int64_t ptsCounter = 0;
+    // Stream position right after the last record whose picture came out, or -1. A record
+    // that is not a key frame decodes only when it starts here: its references are then in
+    // the decoder.
+    int64_t referenceChainEnd = -1;
 };
