@@ -1,0 +1,20 @@
+// CPU twins of the colour launchers and their kernels: same arguments, same bytes. The matrix
+// comes from the same host computation that the device upload uses.
+#pragma once
+
+#include <cstdint>
+
+void Nv12ToColor32_reference(const uint8_t* nv12, int nv12Pitch, uint8_t* bgra, int bgraPitch,
+                             int width, int height, int colourStandard);
+void Nv12ToColor64_reference(const uint8_t* nv12, int nv12Pitch, uint8_t* bgra, int bgraPitch,
+                             int width, int height, int colourStandard);
+void P016ToColor32_reference(const uint8_t* p016, int p016Pitch, uint8_t* bgra, int bgraPitch,
+                             int width, int height, int colourStandard);
+void P016ToColor64_reference(const uint8_t* p016, int p016Pitch, uint8_t* bgra, int bgraPitch,
+                             int width, int height, int colourStandard);
+void Nv12ToColorPlanar_reference(const uint8_t* nv12, int nv12Pitch, uint8_t* bgrp, int bgrpPitch,
+                                 int width, int height, int colourStandard);
+void P016ToColorPlanar_reference(const uint8_t* p016, int p016Pitch, uint8_t* bgrp, int bgrpPitch,
+                                 int width, int height, int colourStandard);
+void Bgra64ToP016_reference(const uint8_t* bgra, int bgraPitch, uint8_t* p016, int p016Pitch,
+                            int width, int height, int colourStandard);

@@ -1,0 +1,65 @@
+// Packing of non-video data into NV12 pictures and back: sizes, launch geometry, staging
+// buffers and the launches that the encoder and decoder wrappers make.
+#pragma once
+
+#include <cstdint>
+
+namespace packing {
+
+// Data-format codes shared with the exported interface.
+enum DataFormat : uint32_t {
+    kColour32 = 0,  // BGRA image, no packing
+    kUyvy = 1,
+    kUint4 = 2,     // two samples per byte
+    kUint8 = 3,
+    kUint16 = 4,
+    kUint32 = 5,
+};
+
+// Bytes of one w × h image in the caller's layout (0 for an unknown code), in u32 arithmetic.
+uint32_t packedSize(uint32_t code, uint32_t width, uint32_t height);
+
+// Bytes of one tight row in the caller's layout (the decode kernels' destination pitch).
+uint32_t tightPitch(uint32_t code, uint32_t width);
+
+struct LaunchGeometry {
+    uint32_t gridX, gridY, blockX, blockY;
+};
+
+// Encode kernels run one thread per sample; the 4-bit decode kernel one per output byte.
+LaunchGeometry encodeGeometry(uint32_t width, uint32_t height);
+LaunchGeometry decodeGeometry(uint32_t code, uint32_t width, uint32_t height);
+
+// True only when the CUDA runtime knows the pointer as device memory; any failed query means host.
+bool isDevicePointer(const void* pointer);
+
+// Grow-only device buffer for callers whose pixels live in host memory.
+struct StagingBuffer {
+    void* ptr = nullptr;
+    uint32_t capacity = 0;
+};
+
+// Makes the buffer hold at least `size` bytes. The capacity is recorded before cudaMalloc runs,
+// so a failed allocation still leaves the new size recorded. The encoder side throws Exception
+// with "Failed to allocate temporary device memory" on failure; the decoder side does not check.
+void growEncoderStaging(StagingBuffer& staging, uint32_t size);
+void growDecoderStaging(StagingBuffer& staging, uint32_t size);
+
+// Codes 1–5: packs the caller's image (host or device) into the NV12 frame at `frame` with
+// `framePitch`. Host input is copied flat into the staging buffer, yet the kernel still gets
+// the caller's pitch, so host callers must pass the tight pitch. Unknown codes do nothing.
+void launchPackForEncode(uint32_t code, const void* src, uint32_t srcPitch, void* frame,
+                         uint32_t framePitch, uint32_t width, uint32_t height,
+                         StagingBuffer& staging);
+
+// Code 0 on the encode side: copies the BGRA image into the frame with row pitch 4·width.
+void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32_t width,
+                         uint32_t height);
+
+// Unpacks a decoded NV12 frame (device memory) into `out` (host or device) in the caller's
+// layout; code 0 converts to BGRA with BT.709 and reads the frame with pitch `width`.
+// Returns the packed size, 0 for an unknown code (nothing launched).
+uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t framePitch, void* out,
+                               uint32_t width, uint32_t height, StagingBuffer& staging);
+
+}  // namespace packing
