@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Makes HEVC test streams with x265, wraps them into QRV files with `zoqrv import` and
+# decodes them with ffmpeg's HEVC decoder into raw YUV 4:2:0 references.
+#
+#   scripts/make-test-data.sh OUT_DIR [ZOQRV] [SET]
+#
+# ZOQRV is the zoqrv tool (default build/tools/zoqrv); SET is "tests" (default, small
+# streams) or "bench" (640x480 and 1920x1080). For every stream NAME it writes
+# NAME.hevc, NAME.qrv and NAME.yuv, and lists "NAME WIDTH HEIGHT FRAMES KEYINT" in
+# OUT_DIR/streams.txt, which is written last.
+#
+# The streams suit record-by-record decoding: every IDR frame repeats the parameter sets,
+# GOPs are closed, there are no B-frames, and IDR frames come every KEYINT frames.
+set -euo pipefail
+
+out=${1:?usage: make-test-data.sh OUT_DIR [ZOQRV] [SET]}
+zoqrv=${2:-build/tools/zoqrv}
+set_name=${3:-tests}
+
+for tool in x265 ffmpeg "$zoqrv"; do
+  command -v "$tool" >/dev/null || { echo "make-test-data: $tool not found" >&2; exit 2; }
+done
+
+mkdir -p "$out"
+rm -f "$out/streams.txt"
+
+# make NAME WIDTH HEIGHT FRAMES KEYINT [x265 options...]
+make() {
+  local name=$1 width=$2 height=$3 frames=$4 keyint=$5
+  shift 5
+  # testsrc2 moves every frame, so P-frames carry real motion and residuals.
+  ffmpeg -nostdin -hide_banner -loglevel error -y \
+    -f lavfi -i "testsrc2=size=${width}x${height}:rate=25" -frames:v "$frames" \
+    -pix_fmt yuv420p -f yuv4mpegpipe - |
+    x265 --y4m --input - --preset fast --log-level error --no-progress \
+      --keyint "$keyint" --min-keyint "$keyint" --no-scenecut --no-open-gop \
+      --bframes 0 --repeat-headers "$@" --output "$out/$name.hevc"
+  "$zoqrv" import "$out/$name.hevc" "$out/$name.qrv" >/dev/null
+  ffmpeg -nostdin -hide_banner -loglevel error -y -i "$out/$name.hevc" \
+    -fps_mode passthrough -pix_fmt yuv420p -f rawvideo "$out/$name.yuv"
+  echo "$name $width $height $frames $keyint" >>"$out/streams.tmp"
+}
+
+rm -f "$out/streams.tmp"
+case "$set_name" in
+  tests)
+    # 200 is not a multiple of 16 (libde265 pads its rows to 208); 208 is; 198x118 is
+    # cropped by the conformance window.
+    make gop5_200x120 200 120 12 5
+    make gop3_208x120 208 120 7 3
+    make gop4_198x118 198 118 6 4
+    make single_200x120 200 120 1 1
+    # Slice decoding is spread over libde265's worker threads only with WPP or tiles.
+    make wpp_640x480 640 480 8 4 --wpp
+    make nowpp_640x480 640 480 8 4 --no-wpp
+    ;;
+  bench)
+    make bench_640x480 640 480 120 30
+    make bench_1920x1080 1920 1080 60 30
+    ;;
+  *) echo "make-test-data: unknown set $set_name" >&2; exit 2 ;;
+esac
+mv "$out/streams.tmp" "$out/streams.txt"
