@@ -35,7 +35,8 @@ make() {
     x265 --y4m --input - --preset fast --log-level error --no-progress \
       --keyint "$keyint" --min-keyint "$keyint" --no-scenecut --no-open-gop \
       --bframes 0 --repeat-headers "$@" --output "$out/$name.hevc"
-  "$zoqrv" import "$out/$name.hevc" "$out/$name.qrv" >/dev/null
+  # A client header lies before the first record, as in recordings.
+  "$zoqrv" import "$out/$name.hevc" "$out/$name.qrv" --fps 25 --header 16 >/dev/null
   ffmpeg -nostdin -hide_banner -loglevel error -y -i "$out/$name.hevc" \
     -fps_mode passthrough -pix_fmt yuv420p -f rawvideo "$out/$name.yuv"
   echo "$name $width $height $frames $keyint" >>"$out/streams.tmp"

@@ -138,6 +138,11 @@ protected:
         EXPECT_EQ(d.frameType, records[i].frameType);
         EXPECT_EQ(d.captureTime, records[i].captureTime);
         EXPECT_EQ(d.metadata, records[i].metadata);
+        // zoqrv import numbers the metadata words: word k of record i is i * 64 + k.
+        uint32_t words[2];
+        std::memcpy(words, d.metadata.data(), sizeof words);
+        EXPECT_EQ(words[0], i * 64);
+        EXPECT_EQ(words[1], i * 64 + 1);
     }
 
     std::vector<HevcStream> streams;

@@ -1,0 +1,159 @@
+// zoqrv extract: decodes HEVC records through the library's C interface and writes each
+// picture as a PNG, with a line per frame.
+#include <libde265/de265.h>
+#include <png.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "container/qrv_file.h"
+#include "zo_qrv64.h"
+
+namespace {
+
+constexpr const char* kUsage = "extract FILE --out DIR [--from S] [--count K]";
+constexpr uint32_t kUyvy = 1;  // the data format whose frames are 2 * w * h bytes
+constexpr uint32_t kHevc = 1;
+constexpr uint32_t kSoftwareDecoder = 2;
+
+struct PictureSize {
+    uint32_t width = 0;
+    uint32_t height = 0;
+};
+
+// The picture size, from decoding the first key frame of the file with libde265.
+bool probePictureSize(FILE* file, const QrvSoftwareIndex& tables, PictureSize& size) {
+    auto key = std::find_if(tables.frameList.begin(), tables.frameList.end(),
+                            [](const QrvIndexEntry& e) { return e.frameType == kKeyFrameType; });
+    if (key == tables.frameList.end()) key = tables.frameList.begin();
+    QrvRecordHead head;
+    uint32_t payloadBytes = 0;
+    std::vector<uint8_t> payload;
+    if (!qrvReadRecordAt(file, key->recordOffset, head, payloadBytes, &payload)) return false;
+
+    std::unique_ptr<de265_decoder_context, de265_error (*)(de265_decoder_context*)> decoder(
+        de265_new_decoder(), &de265_free_decoder);
+    de265_push_data(decoder.get(), payload.data(), int(payload.size()), 0, nullptr);
+    de265_flush_data(decoder.get());
+    for (int more = 1; more;) {
+        de265_decode(decoder.get(), &more);
+        if (const de265_image* picture = de265_get_next_picture(decoder.get())) {
+            size.width = uint32_t(de265_get_image_width(picture, 0));
+            size.height = uint32_t(de265_get_image_height(picture, 0));
+            return true;
+        }
+    }
+    return false;
+}
+
+uint8_t clampByte(double v) { return uint8_t(std::clamp(v + 0.5, 0.0, 255.0)); }
+
+// Packed YUYV to RGB with the BT.709 matrix, limited range.
+std::vector<uint8_t> yuyvToRgb(const uint8_t* yuyv, uint32_t width, uint32_t height) {
+    std::vector<uint8_t> rgb(size_t(width) * height * 3);
+    for (size_t r = 0; r < height; ++r) {
+        const uint8_t* row = yuyv + r * 2 * width;
+        for (size_t x = 0; x < width; ++x) {
+            const size_t pair = x & ~size_t(1);
+            const double y = 1.164384 * (row[2 * x] - 16);
+            const double cb = row[2 * pair + 1] - 128.0;
+            const double cr = pair + 1 < width ? row[2 * pair + 3] - 128.0 : 0.0;
+            uint8_t* out = &rgb[(r * width + x) * 3];
+            out[0] = clampByte(y + 1.792741 * cr);
+            out[1] = clampByte(y - 0.213249 * cb - 0.532909 * cr);
+            out[2] = clampByte(y + 2.112402 * cb);
+        }
+    }
+    return rgb;
+}
+
+bool writePng(const std::string& path, const std::vector<uint8_t>& rgb, uint32_t width, uint32_t height) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = width;
+    image.height = height;
+    image.format = PNG_FORMAT_RGB;
+    return png_image_write_to_file(&image, path.c_str(), 0, rgb.data(), int(width) * 3, nullptr) != 0;
+}
+
+bool parseCount(const std::string& text, int32_t& value) {
+    try {
+        size_t used = 0;
+        const long v = std::stol(text, &used);
+        if (used != text.size() || v < 0 || v > INT32_MAX) return false;
+        value = int32_t(v);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+}  // namespace
+
+int runExtract(const Arguments& args) {
+    std::string input, outDir;
+    int32_t from = 0, count = -1;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const bool hasValue = i + 1 < args.size();
+        if (args[i] == "--out" && hasValue) outDir = args[++i];
+        else if (args[i] == "--from" && hasValue) { if (!parseCount(args[++i], from)) return usage(kUsage); }
+        else if (args[i] == "--count" && hasValue) { if (!parseCount(args[++i], count)) return usage(kUsage); }
+        else if (input.empty() && args[i].rfind("--", 0) != 0) input = args[i];
+        else return usage(kUsage);
+    }
+    if (input.empty() || outDir.empty()) return usage(kUsage);
+
+    File file = openFile(input, "rb");
+    if (!file) return fail("cannot open " + input);
+    QrvSoftwareIndex tables;
+    if (!qrvReadSoftwareIndex(file.get(), tables)) return fail(input + ": cannot read the sample index");
+    PictureSize size;
+    if (!probePictureSize(file.get(), tables, size))
+        return fail(input + ": no HEVC picture in the first key frame");
+
+    std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe(
+        ZOHW_CreateDecoder(kUyvy, kHevc, size.width, size.height, 0), &ZOHW_Destroy);
+    if (!pipe) return fail(ZOHW_GetError(nullptr));
+    // Software pipes deliver YUYV pictures; a GPU pipe would unpack UYVY data instead.
+    if (ZOHW_GetDecoderType(pipe.get()) != kSoftwareDecoder)
+        return fail("extract converts the software decoder's YUYV pictures; this pipe decodes on the GPU");
+    const int startArgument = 0;
+    if (ZOHW_StartDecoding(pipe.get(), &startArgument) != 0 ||
+        ZOHW_CreateQRVTracker(pipe.get(), file.get()) != 0)
+        return fail(input + ": cannot read the sample index");
+
+    const int32_t records = tables.sampleCount;
+    if (from >= records) return fail("--from " + std::to_string(from) + ": the file has " + std::to_string(records) + " records");
+    const int32_t last = count < 0 ? records : int32_t(std::min<int64_t>(int64_t(from) + count, records));
+    if (ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), from) != 0)
+        return fail("cannot decode up to record " + std::to_string(from));
+
+    std::error_code ec;
+    std::filesystem::create_directories(outDir, ec);
+    if (ec) return fail("cannot create " + outDir + ": " + ec.message());
+    printf("%s: %ux%u, records %d to %d\n", input.c_str(), size.width, size.height, from, last - 1);
+
+    std::vector<uint8_t> frame(size_t(size.width) * size.height * 2);
+    uint8_t metadata[256];
+    for (int32_t record = from; record < last; ++record) {
+        uint32_t frameNumber = 0, frameType = 0;
+        uint64_t captureTime = 0;
+        if (ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber,
+                                        &captureTime, &frameType, metadata) != 0)
+            return fail("record " + std::to_string(record) + " did not decode");
+        char name[32];
+        snprintf(name, sizeof name, "frame_%06u.png", frameNumber);
+        const std::string path = (std::filesystem::path(outDir) / name).string();
+        if (!writePng(path, yuyvToRgb(frame.data(), size.width, size.height), size.width, size.height))
+            return fail("cannot write " + path);
+        printf("frame %u  capture time %llu  type %u  %s\n", frameNumber,
+               static_cast<unsigned long long>(captureTime), frameType, path.c_str());
+    }
+    return 0;
+}
