@@ -60,11 +60,11 @@ ZOQRV_HOST_DEVICE void packSample(const unsigned char* src, unsigned srcPitch, u
     if (x >= width || y >= height) return;
     const size_t column = static_cast<size_t>(x) * N;
     unsigned char* luma = dst + static_cast<size_t>(y) * dstPitch + column;
-    if (N == 1) *luma = src[static_cast<size_t>(y) * srcPitch + column];
+    if constexpr (N == 1) *luma = src[static_cast<size_t>(y) * srcPitch + column];
     else copyBytes<N>(luma, src + static_cast<size_t>(y) * srcPitch + column);
     if (!hasChromaRow(y, height)) return;
     unsigned char* chroma = chromaPlane(dst, dstPitch, height) + static_cast<size_t>(y) * dstPitch + column;
-    if (N == 1) *chroma = 0;
+    if constexpr (N == 1) *chroma = 0;
     else zeroBytes<N>(chroma);
 }
 
@@ -76,7 +76,7 @@ ZOQRV_HOST_DEVICE void unpackSample(const unsigned char* src, unsigned srcPitch,
     const size_t column = static_cast<size_t>(x) * N;
     const unsigned char* luma = src + static_cast<size_t>(y) * srcPitch + column;
     unsigned char* out = dst + static_cast<size_t>(y) * dstPitch + column;
-    if (N == 1) *out = *luma;
+    if constexpr (N == 1) *out = *luma;
     else copyBytes<N>(out, luma);
 }
 
