@@ -1,0 +1,47 @@
+// zoqrv: inspects QRV recording files and moves elementary streams in and out of them.
+#include <cstdio>
+#include <cstring>
+
+#include "commands.h"
+
+namespace {
+
+struct Command {
+    const char* name;
+    int (*run)(const Arguments&);
+    const char* summary;
+};
+
+// One line per command.
+const Command kCommands[] = {
+    {"info", runInfo, "info FILE [--records] [--metadata S]   frame count, records, key frames, codec"},
+    {"import", runImport, "import STREAM FILE [--fps F] [--header BYTES]   wrap an H.264/HEVC Annex-B stream"},
+    {"export", runExport, "export FILE STREAM   write the records' payloads as an elementary stream"},
+};
+
+int printUsage() {
+    fprintf(stderr, "usage: zoqrv COMMAND ARGS...\n");
+    for (const Command& command : kCommands) fprintf(stderr, "  zoqrv %s\n", command.summary);
+    return 2;
+}
+
+}  // namespace
+
+int fail(const std::string& message) {
+    fprintf(stderr, "zoqrv: %s\n", message.c_str());
+    return 1;
+}
+
+File openFile(const std::string& path, const char* mode) { return File(fopen(path.c_str(), mode)); }
+
+int usage(const char* line) {
+    fprintf(stderr, "usage: zoqrv %s\n", line);
+    return 2;
+}
+
+int main(int argc, char** argv) {
+    if (argc < 2) return printUsage();
+    for (const Command& command : kCommands)
+        if (strcmp(argv[1], command.name) == 0) return command.run(Arguments(argv + 2, argv + argc));
+    return printUsage();
+}
