@@ -6,7 +6,7 @@
 #
 # ZOQRV is the zoqrv tool (default build/tools/zoqrv); SET is "tests" (default, small
 # streams) or "bench" (640x480 and 1920x1080). For every stream NAME it writes
-# NAME.hevc, NAME.qrv and NAME.yuv, and lists "NAME WIDTH HEIGHT FRAMES KEYINT" in
+# NAME.hevc, NAME.qrv and (for "tests") NAME.yuv, and lists "NAME WIDTH HEIGHT FRAMES KEYINT" in
 # OUT_DIR/streams.txt, which is written last.
 #
 # The streams suit record-by-record decoding: every IDR frame repeats the parameter sets,
@@ -37,8 +37,10 @@ make() {
       --bframes 0 --repeat-headers "$@" --output "$out/$name.hevc"
   # A client header lies before the first record, as in recordings.
   "$zoqrv" import "$out/$name.hevc" "$out/$name.qrv" --fps 25 --header 16 >/dev/null
-  ffmpeg -nostdin -hide_banner -loglevel error -y -i "$out/$name.hevc" \
-    -fps_mode passthrough -pix_fmt yuv420p -f rawvideo "$out/$name.yuv"
+  if [ "$set_name" = tests ]; then
+    ffmpeg -nostdin -hide_banner -loglevel error -y -i "$out/$name.hevc" \
+      -fps_mode passthrough -pix_fmt yuv420p -f rawvideo "$out/$name.yuv"
+  fi
   echo "$name $width $height $frames $keyint" >>"$out/streams.tmp"
 }
 

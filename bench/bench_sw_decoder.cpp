@@ -1,0 +1,108 @@
+// Software decoding speed: frames per second through ZOHW_DecodeFrameAndMetadata on a
+// software pipe, against libde265 decoding the same access units as one continuous
+// stream (push all, flush, decode), which is as fast as libde265 goes.
+//
+// Data: scripts/make-test-data.sh DIR build/tools/zoqrv bench, then run with
+// ZOQRV_BENCH_DATA=DIR (default: bench-data in the working directory).
+#include <benchmark/benchmark.h>
+#include <libde265/de265.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "container/qrv_file.h"
+#include "zo_qrv64.h"
+
+namespace {
+
+struct BenchStream {
+    const char* name;
+    uint32_t width;
+    uint32_t height;
+};
+constexpr BenchStream kStreams[] = {{"bench_640x480", 640, 480}, {"bench_1920x1080", 1920, 1080}};
+
+using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+File openStream(const BenchStream& s, benchmark::State& state) {
+    const char* dir = std::getenv("ZOQRV_BENCH_DATA");
+    const std::string path = std::string(dir && *dir ? dir : "bench-data") + "/" + s.name + ".qrv";
+    File file(fopen(path.c_str(), "rb"), &fclose);
+    if (!file) state.SkipWithError((path + " missing: run scripts/make-test-data.sh DIR ZOQRV bench").c_str());
+    return file;
+}
+
+void pipeDecode(benchmark::State& state, BenchStream s) {
+    File file = openStream(s, state);
+    if (!file) return;
+    std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe(ZOHW_CreateDecoder(1, 1, s.width, s.height, 0),
+                                                       &ZOHW_Destroy);
+    if (!pipe || ZOHW_GetDecoderType(pipe.get()) != 2 || ZOHW_CreateQRVTracker(pipe.get(), file.get()) != 0 ||
+        ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), 0) != 0) {
+        state.SkipWithError("no software pipe on the stream");
+        return;
+    }
+    std::vector<uint8_t> frame(size_t(s.width) * s.height * 2);
+    uint8_t metadata[256];
+    uint32_t frameNumber = 0, frameType = 0;
+    uint64_t captureTime = 0;
+    int64_t frames = 0;
+    for (auto _ : state) {
+        if (ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber, &captureTime,
+                                        &frameType, metadata) != 0) {
+            // Past the last record: start again from the first, which is a key frame.
+            state.PauseTiming();
+            ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), 0);
+            state.ResumeTiming();
+            continue;
+        }
+        ++frames;
+    }
+    state.counters["fps"] = benchmark::Counter(double(frames), benchmark::Counter::kIsRate);
+}
+
+void continuousDecode(benchmark::State& state, BenchStream s) {
+    File file = openStream(s, state);
+    if (!file) return;
+    QrvSoftwareIndex tables;
+    std::vector<std::vector<uint8_t>> units;
+    if (qrvReadSoftwareIndex(file.get(), tables))
+        for (const QrvIndexEntry& entry : tables.frameList) {
+            QrvRecordHead head;
+            uint32_t bytes = 0;
+            units.emplace_back();
+            if (!qrvReadRecordAt(file.get(), entry.recordOffset, head, bytes, &units.back())) units.clear();
+        }
+    if (units.empty()) {
+        state.SkipWithError("unreadable stream");
+        return;
+    }
+    std::unique_ptr<de265_decoder_context, de265_error (*)(de265_decoder_context*)> decoder(
+        de265_new_decoder(), &de265_free_decoder);
+    de265_start_worker_threads(decoder.get(), 4);
+    int64_t frames = 0;
+    for (auto _ : state) {
+        for (const auto& unit : units)
+            de265_push_data(decoder.get(), unit.data(), int(unit.size()), 0, nullptr);
+        de265_flush_data(decoder.get());
+        for (int more = 1; more;) {
+            de265_decode(decoder.get(), &more);
+            while (de265_get_next_picture(decoder.get())) ++frames;
+        }
+    }
+    state.counters["fps"] = benchmark::Counter(double(frames), benchmark::Counter::kIsRate);
+}
+
+// libde265 decodes on its worker threads, so wall-clock time is what counts.
+const bool registered = [] {
+    for (const BenchStream& s : kStreams) {
+        benchmark::RegisterBenchmark((std::string("PipeDecode/") + s.name).c_str(), pipeDecode, s)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("Libde265Continuous/") + s.name).c_str(), continuousDecode, s)
+            ->UseRealTime();
+    }
+    return true;
+}();
+
+}  // namespace
