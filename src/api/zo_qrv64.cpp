@@ -59,14 +59,6 @@ DecodeMode decodeMode(const ZoHwPipe& pipe) {
     return DecodeMode::None;
 }
 
-int64_t streamPosition(FILE* stream) {
-#ifdef _WIN32
-    return _ftelli64(stream);
-#else
-    return ftello(stream);
-#endif
-}
-
 bool lookUpSampleInfo(const ZoHwPipe& pipe, int32_t sample, QrvSampleInfo& info) {
     auto* bytes = reinterpret_cast<uint8_t*>(&info);
     switch (decodeMode(pipe)) {
@@ -138,7 +130,7 @@ ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* 
     *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &frameType, false);
     if (*outSize == 0 || !stream) return kFailed;
     HwEncoder& encoder = *pipe->encoder;
-    encoder.appendIndexEntry(static_cast<uint64_t>(streamPosition(stream)), frameType);
+    encoder.appendIndexEntry(static_cast<uint64_t>(qrvTell(stream)), frameType);
     qrvWriteRecord(stream, QrvRecord{encoder.encodedFrames(), timestamp, frameType,
                                      encoder.outputBuffer(), *outSize, metadata, metadataWords});
     return kOk;

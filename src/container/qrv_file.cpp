@@ -17,30 +17,14 @@ constexpr uint64_t kSampleInfoBytes = sizeof(QrvSampleInfo);
 constexpr uint64_t kRecordHeadBytes = 20;
 constexpr uint64_t kTrailerBytes = 4;
 
-int seek64(FILE* stream, int64_t offset, int whence) {
-#ifdef _WIN32
-    return _fseeki64(stream, offset, whence);
-#else
-    return fseeko(stream, static_cast<off_t>(offset), whence);
-#endif
-}
-
-int64_t tell64(FILE* stream) {
-#ifdef _WIN32
-    return _ftelli64(stream);
-#else
-    return ftello(stream);
-#endif
-}
-
 bool readExact(FILE* stream, void* destination, size_t bytes) {
     return fread(destination, 1, bytes, stream) == bytes;
 }
 
 // Size of the file behind `stream`, or -1; moves the stream to its end.
 int64_t fileSize(FILE* stream) {
-    if (seek64(stream, 0, SEEK_END) != 0) return -1;
-    return tell64(stream);
+    if (qrvSeek(stream, 0, SEEK_END) != 0) return -1;
+    return qrvTell(stream);
 }
 
 // Offsets come from the file and are not trusted: a range outside the file is refused
@@ -50,7 +34,7 @@ bool rangeInFile(int64_t size, uint64_t offset, uint64_t bytes) {
 }
 
 bool readAt(FILE* stream, int64_t size, uint64_t offset, void* destination, size_t bytes) {
-    return rangeInFile(size, offset, bytes) && seek64(stream, int64_t(offset), SEEK_SET) == 0 &&
+    return rangeInFile(size, offset, bytes) && qrvSeek(stream, int64_t(offset), SEEK_SET) == 0 &&
            readExact(stream, destination, bytes);
 }
 
@@ -80,15 +64,15 @@ bool readRecordHeadAt(FILE* stream, int64_t size, uint64_t offset, QrvRecordHead
 // Reads a record's frameNumber. A missing one, or one above `highest`, is refused and the
 // stream is stepped back to where it stood.
 bool readFrameNumber(FILE* stream, int64_t highest, uint32_t& frameNumber) {
-    const int64_t start = tell64(stream);
+    const int64_t start = qrvTell(stream);
     if (readExact(stream, &frameNumber, 4) && int64_t(frameNumber) <= highest) return true;
-    seek64(stream, start, SEEK_SET);
+    qrvSeek(stream, start, SEEK_SET);
     return false;
 }
 
 bool readTrailer(FILE* stream, int64_t& size, uint32_t& frameCount) {
     size = fileSize(stream);
-    return size >= int64_t(kTrailerBytes) && seek64(stream, size - int64_t(kTrailerBytes), SEEK_SET) == 0 &&
+    return size >= int64_t(kTrailerBytes) && qrvSeek(stream, size - int64_t(kTrailerBytes), SEEK_SET) == 0 &&
            readExact(stream, &frameCount, 4);
 }
 
@@ -99,7 +83,7 @@ bool readTrailer(FILE* stream, int64_t& size, uint32_t& frameCount) {
 bool readIndexEntries(FILE* stream, int64_t size, uint32_t count, std::vector<QrvIndexEntry>& index) {
     const double distance = double(count) * sizeof(QrvIndexEntry) + kTrailerBytes;
     if (distance > INT32_MAX || distance > double(size)) return false;
-    if (seek64(stream, -int64_t(int32_t(distance)), SEEK_END) != 0) return false;
+    if (qrvSeek(stream, -int64_t(int32_t(distance)), SEEK_END) != 0) return false;
     index.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {
         QrvIndexEntry entry;
@@ -126,7 +110,7 @@ void readSampleInfos(FILE* stream, int64_t size, const std::vector<QrvIndexEntry
 // Seeks to a record whose head lies within the file.
 bool seekToRecord(FILE* stream, uint64_t offset) {
     return rangeInFile(fileSize(stream), offset, kRecordHeadBytes) &&
-           seek64(stream, int64_t(offset), SEEK_SET) == 0;
+           qrvSeek(stream, int64_t(offset), SEEK_SET) == 0;
 }
 
 // width * height * 4 in size_t; false when it overflows.
@@ -137,6 +121,24 @@ bool frameBytes(uint32_t width, uint32_t height, size_t& bytes) {
 }
 
 }  // namespace
+
+// ---- Stream positions ----------------------------------------------------------
+
+int qrvSeek(FILE* stream, int64_t offset, int whence) {
+#ifdef _WIN32
+    return _fseeki64(stream, offset, whence);
+#else
+    return fseeko(stream, static_cast<off_t>(offset), whence);
+#endif
+}
+
+int64_t qrvTell(FILE* stream) {
+#ifdef _WIN32
+    return _ftelli64(stream);
+#else
+    return ftello(stream);
+#endif
+}
 
 // ---- Writer -------------------------------------------------------------------
 
@@ -185,7 +187,7 @@ bool QrvHardwareReader::readIndex(FILE* stream) {
     if (frameCount_ == 0 || !readIndexEntries(stream, size, frameCount_, index_)) return false;
     // The table deliberately stops at N - 1 infos: the last record's info is never served here.
     readSampleInfos(stream, size, index_, frameCount_, sampleInfos_);
-    return seek64(stream, 0, SEEK_SET) == 0;
+    return qrvSeek(stream, 0, SEEK_SET) == 0;
 }
 
 bool QrvHardwareReader::growPayloadBuffer(uint32_t width, uint32_t height) {
@@ -214,13 +216,13 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
     if (!readHeadTail(stream, head, payloadBytes)) return RecordOutcome::NotDecoded;
     if ((payloadBytes > payloadBuffer_.size() || payloadBuffer_.empty()) &&
         !growPayloadBuffer(width, height)) {
-        seek64(stream, int64_t(qrvAt(index_, head.frameNumber).recordOffset), SEEK_SET);
+        qrvSeek(stream, int64_t(qrvAt(index_, head.frameNumber).recordOffset), SEEK_SET);
         return RecordOutcome::NotDecoded;
     }
     int decoded = -1;
     if (payloadBytes > payloadBuffer_.size()) {
         // No frame of this size has such a payload: skip it so the stream stays at record starts.
-        seek64(stream, int64_t(payloadBytes), SEEK_CUR);
+        qrvSeek(stream, int64_t(payloadBytes), SEEK_CUR);
     } else if (readExact(stream, payloadBuffer_.data(), payloadBytes)) {
         decoded = decode(payloadBuffer_.data(), payloadBytes, frame);
     }
@@ -300,7 +302,7 @@ bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables) {
         read.sampleInfos.push_back(last);
     }
     tables = std::move(read);
-    return seek64(stream, 0, SEEK_SET) == 0;
+    return qrvSeek(stream, 0, SEEK_SET) == 0;
 }
 
 bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, size_t capacity,
@@ -312,7 +314,7 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
     if (fits)
         payloadRead = fread(payload, 1, record.payloadBytes, stream);
     else
-        seek64(stream, int64_t(record.payloadBytes), SEEK_CUR);
+        qrvSeek(stream, int64_t(record.payloadBytes), SEEK_CUR);
     readExact(stream, &record.sampleTime, sizeof record.sampleTime);
     readExact(stream, record.metadata, kMetadataBytes);
     return fits && payloadRead >= 1;

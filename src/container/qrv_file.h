@@ -53,6 +53,10 @@ const T& qrvAt(const std::vector<T>& v, size_t i) {
     return v[i];
 }
 
+// 64-bit position and seek of a stdio stream (stdio's long offsets are 32-bit on Windows).
+int64_t qrvTell(FILE* stream);
+int qrvSeek(FILE* stream, int64_t offset, int whence);
+
 // ---- Writer -------------------------------------------------------------------
 
 struct QrvRecord {
