@@ -4,14 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/random_bytes.h"
+
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <vector>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kPoison = 0xA5;
 
 void expectMatrixNear(const ColourMatrix& actual, const double (&expected)[3][3], const char* what) {
@@ -34,14 +34,6 @@ Bytes flatNv12(int width, int height, int pitch, uint8_t y, uint8_t u, uint8_t v
             frame[size_t(height + row) * pitch + x + 1] = v;
         }
     return frame;
-}
-
-Bytes randomBytes(size_t size, uint32_t seed) {
-    std::mt19937 generator(seed);
-    std::uniform_int_distribution<int> byte(0, 255);
-    Bytes bytes(size);
-    for (auto& b : bytes) b = static_cast<uint8_t>(byte(generator));
-    return bytes;
 }
 
 BGRA32 pixel32(const Bytes& image, int pitch, int x, int y) {

@@ -7,26 +7,18 @@
 #include <cuda_runtime_api.h>
 #include <gtest/gtest.h>
 
+#include "support/random_bytes.h"
+
 #include <cstdint>
-#include <random>
 #include <string>
 #include <vector>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using PackingFunction = void (*)(const unsigned char*, unsigned, unsigned char*, unsigned, unsigned,
                                  unsigned);
 
 constexpr uint8_t kPoison = 0xA5;
-
-Bytes randomBytes(size_t size, uint32_t seed) {
-    std::mt19937 generator(seed);
-    std::uniform_int_distribution<int> byte(0, 255);
-    Bytes bytes(size);
-    for (auto& b : bytes) b = static_cast<uint8_t>(byte(generator));
-    return bytes;
-}
 
 struct Format {
     uint32_t code;
