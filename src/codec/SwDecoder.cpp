@@ -11,22 +11,6 @@ constexpr int kWorkerThreads = 4;
 // this; it only guards against a decoder that keeps reporting work without finishing.
 constexpr std::chrono::seconds kPictureDeadline{2};
 
-int64_t tell64(FILE* stream) {
-#ifdef _WIN32
-    return _ftelli64(stream);
-#else
-    return ftello(stream);
-#endif
-}
-
-int seek64(FILE* stream, int64_t offset) {
-#ifdef _WIN32
-    return _fseeki64(stream, offset, SEEK_SET);
-#else
-    return fseeko(stream, static_cast<off_t>(offset), SEEK_SET);
-#endif
-}
-
 // A record holds at most an uncompressed 4:2:0 picture: 1.5 bytes a pixel.
 size_t payloadCapacity(uint32_t width, uint32_t height) {
     const int32_t pixels = static_cast<int32_t>(width * height);
@@ -98,7 +82,7 @@ bool SwDecoder::lookUpSampleInfo(int32_t sample, uint8_t* sampleInfo) const {
 }
 
 const de265_image* SwDecoder::decodeRecord() {
-    const int64_t recordStart = tell64(stream);
+    const int64_t recordStart = qrvTell(stream);
     if (!qrvReadSoftwareRecord(stream, tables.sampleCount, payloadBuffer.data(),
                                payloadBuffer.size(), lastRecord))
         return nullptr;
@@ -129,7 +113,7 @@ const de265_image* SwDecoder::decodeRecord() {
         int more = 0;
         const de265_error status = de265_decode(decoder, &more);
         if (const de265_image* picture = de265_get_next_picture(decoder)) {
-            referenceChainEnd = tell64(stream);
+            referenceChainEnd = qrvTell(stream);
             return picture;
         }
         if (!more || std::chrono::steady_clock::now() > deadline) break;
@@ -170,7 +154,7 @@ bool SwDecoder::seekToSample(FILE* s, int32_t sample) {
     stream = s;
     if (sample < 0) return false;
     const int32_t key = qrvKeyFrameAtOrBefore(tables.frameList, sample);
-    if (seek64(stream, int64_t(tables.frameList[size_t(key)].recordOffset)) != 0) return false;
+    if (qrvSeek(stream, int64_t(tables.frameList[size_t(key)].recordOffset), SEEK_SET) != 0) return false;
     // The records between the key frame and the sample are decoded only to fill the
     // decoder's reference pictures; their pictures are dropped from its output queue.
     for (int32_t i = key; i < sample; ++i)

@@ -56,7 +56,7 @@ std::vector<HevcStream> hevcStreams(const std::string& set, std::string& whyMiss
             return {};
         }
     }
-    const fs::path script = fs::path(ZOQRV_TEST_DATA_DIR) / ".." / ".." / "scripts" / "make-test-data.sh";
+    const fs::path script = fs::path(ZOQRV_SOURCE_DIR) / "scripts" / "make-test-data.sh";
     const fs::path zoqrv = fs::path(ZOQRV_BINARY_DIR) / "tools" / "zoqrv";
     const fs::path dir = fs::path(ZOQRV_BINARY_DIR) / "test-data" / set;
     if (!fs::exists(zoqrv)) throw std::runtime_error(zoqrv.string() + " is not built");
