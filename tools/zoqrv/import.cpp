@@ -70,7 +70,7 @@ int runImport(const Arguments& args) {
         const AccessUnit& unit = units[i];
         for (uint32_t k = 0; k < kMetadataWords; ++k) metadata[k] = uint32_t(i) * 64 + k;
         const uint32_t frameType = unit.idr ? kKeyFrameType : kOtherFrameType;
-        index.push_back({uint64_t(ftello(output.get())), frameType, 0});
+        index.push_back({uint64_t(qrvTell(output.get())), frameType, 0});
         qrvWriteRecord(output.get(), {uint32_t(i + 1), uint64_t(std::llround(double(i) * 1e6 / fps)), frameType,
                                       stream.data() + unit.offset, unit.bytes, metadata, int32_t(kMetadataWords)});
     }
