@@ -9,7 +9,9 @@ cd "$(dirname "$0")/.."
 build=${1:-build}
 
 scripts/install-deps.sh
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZOQRV_BUILD_TESTS=OFF -DZOQRV_BUILD_BENCH=OFF
+# The build directory is shared with scripts/test.sh: its options are left as they are, and
+# only the library and the tool are built here.
+cmake -S . -B "$build"
 cmake --build "$build" --target zo_qrv64 zoqrv -j"$(nproc)"
 
 mkdir -p out

@@ -6,11 +6,12 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=build
-options=()
+# Tests are switched on whatever an earlier configuration of the directory chose.
+options=(-DZOQRV_BUILD_TESTS=ON)
 if [ "${1:-}" = "--sanitize" ]; then
   build=build-sanitize
   # Device code is not instrumented, so one architecture is enough here.
-  options=(-DZOQRV_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug -DZOQRV_BUILD_BENCH=OFF
+  options+=(-DZOQRV_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug -DZOQRV_BUILD_BENCH=OFF
            -DZOQRV_CUDA_ARCHITECTURES=75-real)
   # The CUDA runtime maps device memory into the range ASan keeps as its shadow gap.
   export ASAN_OPTIONS="protect_shadow_gap=0:detect_leaks=1:${ASAN_OPTIONS:-}"
@@ -20,4 +21,4 @@ fi
 bash scripts/install-deps.sh
 cmake -S . -B "$build" "${options[@]}"
 cmake --build "$build" -j"$(nproc)"
-ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
+ctest --test-dir "$build" --output-on-failure --no-tests=error -j"$(nproc)"
