@@ -22,6 +22,13 @@ struct ColourConstants {
 };
 ColourConstants GetConstants(int colourStandard);
 
+// The code values that the conversions work in, taken from the colour standard's table (not
+// from the samples' depth): black and max as listed, mid the centre of the range.
+struct CodeRange {
+    int black, mid, max;
+};
+CodeRange codeRange(int colourStandard);
+
 // Row-major 3 × 3 matrix as uploaded to the device.
 struct ColourMatrix {
     float m[3][3];
@@ -31,7 +38,8 @@ ColourMatrix yuvToRgbMatrix(int colourStandard);
 // (R, G, B) → (Y, U, V) before the black and mid offsets.
 ColourMatrix rgbToYuvMatrix(int colourStandard);
 
-// Upload the matrix of a colour standard into the device constants matYuv2Rgb / matRgb2Yuv.
+// Upload the matrix of a colour standard into the device constants matYuv2Rgb / matRgb2Yuv,
+// and its code range into yuvCodeRange.
 void SetMatYuv2Rgb(int colourStandard);
 void SetMatRgb2Yuv(int colourStandard);
 

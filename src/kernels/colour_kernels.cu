@@ -4,12 +4,25 @@
 
 __constant__ float matYuv2Rgb[3][3];
 __constant__ float matRgb2Yuv[3][3];
+// Black, mid and max of the standard whose matrix was uploaded last: the conversions take
+// their code values from the colour standard, which the matrices alone do not carry.
+__constant__ int yuvCodeRange[3];
 
 namespace {
 
 // Copies a constant matrix into registers for the shared per-thread code.
 __device__ __forceinline__ void loadMatrix(const float (&source)[3][3], float* m) {
     for (int i = 0; i < 9; ++i) m[i] = source[i / 3][i % 3];
+}
+
+__device__ __forceinline__ CodeRange loadRange() {
+    return {yuvCodeRange[0], yuvCodeRange[1], yuvCodeRange[2]};
+}
+
+void uploadRange(int colourStandard) {
+    const CodeRange range = codeRange(colourStandard);
+    const int values[3] = {range.black, range.mid, range.max};
+    cudaMemcpyToSymbol(yuvCodeRange, values, sizeof values, 0, cudaMemcpyHostToDevice);
 }
 
 __device__ __forceinline__ int blockX() { return 2 * static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x); }
@@ -22,7 +35,7 @@ __global__ void YuvToRgbKernel(uint8_t* pYuv, int nYuvPitch, uint8_t* pRgb, int 
                                int nHeight) {
     float m[9];
     loadMatrix(matYuv2Rgb, m);
-    colour::yuvToRgbBlock<YuvUnit, RGB>(m, pYuv, nYuvPitch, nWidth, nHeight, blockX(), blockY(),
+    colour::yuvToRgbBlock<YuvUnit, RGB>(m, loadRange(), pYuv, nYuvPitch, nWidth, nHeight, blockX(), blockY(),
                                         colour::PackedWriter<RGB, RGBIntx2>{pRgb, nRgbPitch});
 }
 
@@ -31,7 +44,7 @@ __global__ void YuvToRgbPlanarKernel(uint8_t* pYuv, int nYuvPitch, uint8_t* pRgb
                                      int nWidth, int nHeight) {
     float m[9];
     loadMatrix(matYuv2Rgb, m);
-    colour::yuvToRgbBlock<YuvUnit, RGB>(m, pYuv, nYuvPitch, nWidth, nHeight, blockX(), blockY(),
+    colour::yuvToRgbBlock<YuvUnit, RGB>(m, loadRange(), pYuv, nYuvPitch, nWidth, nHeight, blockX(), blockY(),
                                         colour::PlanarWriter<RGBUnitx2>{pRgbp, nRgbpPitch, nHeight});
 }
 
@@ -40,18 +53,20 @@ __global__ void RgbToYuvKernel(uint8_t* pRgb, int nRgbPitch, uint8_t* pYuv, int 
                                int nHeight) {
     float m[9];
     loadMatrix(matRgb2Yuv, m);
-    colour::rgbToYuvBlock<YuvUnit, RGB>(m, pRgb, nRgbPitch, pYuv, nYuvPitch, nWidth, nHeight, blockX(),
+    colour::rgbToYuvBlock<YuvUnit, RGB>(m, loadRange(), pRgb, nRgbPitch, pYuv, nYuvPitch, nWidth, nHeight, blockX(),
                                         blockY());
 }
 
 void SetMatYuv2Rgb(int colourStandard) {
     const ColourMatrix matrix = yuvToRgbMatrix(colourStandard);
     cudaMemcpyToSymbol(matYuv2Rgb, matrix.m, sizeof matrix.m, 0, cudaMemcpyHostToDevice);
+    uploadRange(colourStandard);
 }
 
 void SetMatRgb2Yuv(int colourStandard) {
     const ColourMatrix matrix = rgbToYuvMatrix(colourStandard);
     cudaMemcpyToSymbol(matRgb2Yuv, matrix.m, sizeof matrix.m, 0, cudaMemcpyHostToDevice);
+    uploadRange(colourStandard);
 }
 
 namespace {

@@ -8,6 +8,11 @@ ColourConstants GetConstants(int colourStandard) {
     }
 }
 
+CodeRange codeRange(int colourStandard) {
+    const ColourConstants c = GetConstants(colourStandard);
+    return {c.black, (c.max + 1) / 2, c.max};
+}
+
 namespace {
 
 // Entries are scaled in double precision and only then rounded to float.

@@ -17,8 +17,10 @@ template <class YuvUnit, class Rgb, class Writer>
 void yuvToRgb(const uint8_t* yuv, int yuvPitch, int width, int height, int colourStandard,
               const Writer& writer) {
     const ColourMatrix matrix = yuvToRgbMatrix(colourStandard);
+    const CodeRange range = codeRange(colourStandard);
     runGrid(width, height, [&](int x, int y) {
-        colour::yuvToRgbBlock<YuvUnit, Rgb>(&matrix.m[0][0], yuv, yuvPitch, width, height, x, y, writer);
+        colour::yuvToRgbBlock<YuvUnit, Rgb>(&matrix.m[0][0], range, yuv, yuvPitch, width, height, x,
+                                            y, writer);
     });
 }
 
@@ -63,8 +65,9 @@ void P016ToColorPlanar_reference(const uint8_t* p016, int p016Pitch, uint8_t* bg
 void Bgra64ToP016_reference(const uint8_t* bgra, int bgraPitch, uint8_t* p016, int p016Pitch,
                             int width, int height, int colourStandard) {
     const ColourMatrix matrix = rgbToYuvMatrix(colourStandard);
+    const CodeRange range = codeRange(colourStandard);
     runGrid(width, height, [&](int x, int y) {
-        colour::rgbToYuvBlock<ushort2, BGRA64>(&matrix.m[0][0], bgra, bgraPitch, p016, p016Pitch,
+        colour::rgbToYuvBlock<ushort2, BGRA64>(&matrix.m[0][0], range, bgra, bgraPitch, p016, p016Pitch,
                                                width, height, x, y);
     });
 }

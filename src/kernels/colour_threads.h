@@ -20,12 +20,10 @@ struct YuvFormat;
 template <>
 struct YuvFormat<uchar2> {
     using Sample = uint8_t;
-    static constexpr int bits = 8;
 };
 template <>
 struct YuvFormat<ushort2> {
     using Sample = uint16_t;
-    static constexpr int bits = 16;
 };
 
 template <class Rgb>
@@ -41,13 +39,8 @@ struct RgbFormat<BGRA64> {
     static constexpr int bits = 16;
 };
 
-// Code values of a YUV sample depth: black 16 and mid 128 scaled to the depth.
-template <int Bits>
-struct CodeRange {
-    static constexpr int black = 16 << (Bits - 8);
-    static constexpr int mid = 1 << (Bits - 1);
-    static constexpr int max = (1 << Bits) - 1;
-};
+// Bits of the code values in a range: 16 for the 16-bit codes of BT.2020, else 8.
+ZOQRV_HOST_DEVICE int rangeBits(const CodeRange& range) { return range.max > 255 ? 16 : 8; }
 
 template <class T>
 ZOQRV_HOST_DEVICE T load(const uint8_t* at) {
@@ -103,19 +96,18 @@ ZOQRV_HOST_DEVICE unsigned rescale(unsigned value, int fromBits, int toBits) {
     return fromBits < toBits ? value * 257u : value >> 8;
 }
 
-template <class YuvUnit, class Rgb>
-ZOQRV_HOST_DEVICE Rgb yuvToRgbPixel(const float* m, int y, int u, int v) {
-    constexpr int bits = YuvFormat<YuvUnit>::bits;
-    using Range = CodeRange<bits>;
+template <class Rgb>
+ZOQRV_HOST_DEVICE Rgb yuvToRgbPixel(const float* m, const CodeRange& range, int y, int u, int v) {
+    const int bits = rangeBits(range);
     using Channel = typename RgbFormat<Rgb>::Channel;
     constexpr int rgbBits = RgbFormat<Rgb>::bits;
-    const float fy = static_cast<float>(y - Range::black);
-    const float fu = static_cast<float>(u - Range::mid);
-    const float fv = static_cast<float>(v - Range::mid);
+    const float fy = static_cast<float>(y - range.black);
+    const float fu = static_cast<float>(u - range.mid);
+    const float fv = static_cast<float>(v - range.mid);
     Rgb pixel;
-    pixel.r = static_cast<Channel>(rescale(toCode(dot(m, 0, fy, fu, fv), Range::max), bits, rgbBits));
-    pixel.g = static_cast<Channel>(rescale(toCode(dot(m, 1, fy, fu, fv), Range::max), bits, rgbBits));
-    pixel.b = static_cast<Channel>(rescale(toCode(dot(m, 2, fy, fu, fv), Range::max), bits, rgbBits));
+    pixel.r = static_cast<Channel>(rescale(toCode(dot(m, 0, fy, fu, fv), range.max), bits, rgbBits));
+    pixel.g = static_cast<Channel>(rescale(toCode(dot(m, 1, fy, fu, fv), range.max), bits, rgbBits));
+    pixel.b = static_cast<Channel>(rescale(toCode(dot(m, 2, fy, fu, fv), range.max), bits, rgbBits));
     pixel.a = static_cast<Channel>((1u << rgbBits) - 1);
     return pixel;
 }
@@ -171,8 +163,9 @@ struct PlanarWriter {
 // The chroma plane follows `height` luma rows; a pair serves a 2 × 2 block. Pixels of a block
 // that fall outside the image are neither read nor written.
 template <class YuvUnit, class Rgb, class Writer>
-ZOQRV_HOST_DEVICE void yuvToRgbBlock(const float* m, const uint8_t* yuv, int yuvPitch, int width,
-                                     int height, int x, int y, const Writer& write) {
+ZOQRV_HOST_DEVICE void yuvToRgbBlock(const float* m, const CodeRange& range, const uint8_t* yuv,
+                                     int yuvPitch, int width, int height, int x, int y,
+                                     const Writer& write) {
     if (x >= width || y >= height) return;
     using Sample = typename YuvFormat<YuvUnit>::Sample;
     const uint8_t* chroma = yuv + static_cast<ptrdiff_t>(yuvPitch) * (height + y / 2) +
@@ -183,8 +176,8 @@ ZOQRV_HOST_DEVICE void yuvToRgbBlock(const float* m, const uint8_t* yuv, int yuv
     for (int row = y; row < y + 2 && row < height; ++row) {
         const uint8_t* luma = yuv + static_cast<ptrdiff_t>(row) * yuvPitch + static_cast<ptrdiff_t>(x) * sizeof(Sample);
         Rgb pixels[2];
-        pixels[0] = yuvToRgbPixel<YuvUnit, Rgb>(m, load<Sample>(luma), u, v);
-        pixels[1] = pair ? yuvToRgbPixel<YuvUnit, Rgb>(m, load<Sample>(luma + sizeof(Sample)), u, v)
+        pixels[0] = yuvToRgbPixel<Rgb>(m, range, load<Sample>(luma), u, v);
+        pixels[1] = pair ? yuvToRgbPixel<Rgb>(m, range, load<Sample>(luma + sizeof(Sample)), u, v)
                          : pixels[0];
         write(x, row, pixels, pair);
     }
@@ -192,13 +185,13 @@ ZOQRV_HOST_DEVICE void yuvToRgbBlock(const float* m, const uint8_t* yuv, int yuv
 
 // Luma per pixel; one chroma pair from the mean R, G, B of the block's pixels in the image.
 template <class YuvUnit, class Rgb>
-ZOQRV_HOST_DEVICE void rgbToYuvBlock(const float* m, const uint8_t* rgb, int rgbPitch, uint8_t* yuv,
-                                     int yuvPitch, int width, int height, int x, int y) {
+ZOQRV_HOST_DEVICE void rgbToYuvBlock(const float* m, const CodeRange& range, const uint8_t* rgb,
+                                     int rgbPitch, uint8_t* yuv, int yuvPitch, int width, int height,
+                                     int x, int y) {
     if (x >= width || y >= height) return;
     using Sample = typename YuvFormat<YuvUnit>::Sample;
-    constexpr int bits = YuvFormat<YuvUnit>::bits;
+    const int bits = rangeBits(range);
     constexpr int rgbBits = RgbFormat<Rgb>::bits;
-    using Range = CodeRange<bits>;
     unsigned sum[3] = {0, 0, 0};
     int count = 0;
     for (int row = y; row < y + 2 && row < height; ++row) {
@@ -210,9 +203,9 @@ ZOQRV_HOST_DEVICE void rgbToYuvBlock(const float* m, const uint8_t* rgb, int rgb
             const unsigned b = rescale(pixel.b, rgbBits, bits);
             const float luma = add(dot(m, 0, static_cast<float>(r), static_cast<float>(g),
                                        static_cast<float>(b)),
-                                   static_cast<float>(Range::black));
+                                   static_cast<float>(range.black));
             store(yuv + static_cast<ptrdiff_t>(row) * yuvPitch + static_cast<ptrdiff_t>(column) * sizeof(Sample),
-                  static_cast<Sample>(toCode(luma, Range::max)));
+                  static_cast<Sample>(toCode(luma, range.max)));
             sum[0] += r;
             sum[1] += g;
             sum[2] += b;
@@ -223,11 +216,11 @@ ZOQRV_HOST_DEVICE void rgbToYuvBlock(const float* m, const uint8_t* rgb, int rgb
     const float r = multiply(static_cast<float>(sum[0]), share);
     const float g = multiply(static_cast<float>(sum[1]), share);
     const float b = multiply(static_cast<float>(sum[2]), share);
-    const float mid = static_cast<float>(Range::mid);
+    const float mid = static_cast<float>(range.mid);
     uint8_t* chroma = yuv + static_cast<ptrdiff_t>(yuvPitch) * (height + y / 2) +
                       static_cast<ptrdiff_t>(x) * sizeof(Sample);
-    store(chroma, static_cast<Sample>(toCode(add(dot(m, 1, r, g, b), mid), Range::max)));
-    store(chroma + sizeof(Sample), static_cast<Sample>(toCode(add(dot(m, 2, r, g, b), mid), Range::max)));
+    store(chroma, static_cast<Sample>(toCode(add(dot(m, 1, r, g, b), mid), range.max)));
+    store(chroma + sizeof(Sample), static_cast<Sample>(toCode(add(dot(m, 2, r, g, b), mid), range.max)));
 }
 
 }  // namespace colour
