@@ -4,6 +4,8 @@
 #include <cstring>
 #include <thread>
 
+#include "container/annexb.h"
+
 namespace {
 
 constexpr int kWorkerThreads = 4;
@@ -72,8 +74,8 @@ SwDecoder::~SwDecoder() {
 }
 
 bool SwDecoder::readIndex(FILE* s) {
-    // Offsets of another file say nothing about the pictures in the decoder.
-    referenceChainEnd = -1;
+    // The reference chain is kept: re-reading the index of the file being decoded changes
+    // nothing in the decoder, and its next record still continues the chain.
     return qrvReadSoftwareIndex(s, tables);
 }
 
@@ -93,8 +95,10 @@ const de265_image* SwDecoder::decodeRecord() {
         return nullptr;
     }
     // libde265 conceals a missing reference picture with a made-up one and reports nothing,
-    // so a picture predicted from a record that was never decoded is refused here.
-    if (lastRecord.head.frameType != kKeyFrameType && recordStart != referenceChainEnd) {
+    // so a picture predicted from a record that was never decoded is refused here. Whether a
+    // record starts a new chain is read from its payload, not from its frame-type field.
+    if (recordStart != referenceChainEnd &&
+        !annexBHasRandomAccessPicture(payloadBuffer.data(), lastRecord.payloadBytes, AnnexBCodec::Hevc)) {
         referenceChainEnd = -1;
         return nullptr;
     }

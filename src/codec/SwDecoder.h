@@ -45,7 +45,7 @@ private:
     de265_decoder_context* decoder = nullptr;
     int64_t ptsCounter = 0;
     // Stream position right after the last record whose picture came out, or -1. A record
-    // that is not a key frame decodes only when it starts here: its references are then in
-    // the decoder.
+    // without a random-access picture decodes only when it starts here: its references are
+    // then in the decoder.
     int64_t referenceChainEnd = -1;
 };

@@ -33,6 +33,7 @@ struct NalKind {
     bool delimiter;
     bool leadsAccessUnit;  // may only appear before the first slice of an access unit
     bool idr;
+    bool randomAccess;  // decodable without any earlier picture
     size_t headerBytes;
 };
 
@@ -51,6 +52,7 @@ NalKind h264Kind(const uint8_t* data, const NalUnit& unit) {
     kind.delimiter = type == 9;
     kind.leadsAccessUnit = type == 6 || type == 7 || type == 8 || (type >= 14 && type <= 18);
     kind.idr = type == 5;
+    kind.randomAccess = kind.idr;
     return kind;
 }
 
@@ -71,6 +73,7 @@ NalKind hevcKind(const uint8_t* data, const NalUnit& unit) {
     kind.leadsAccessUnit = (type >= 32 && type <= 34) || type == 39 || (type >= 41 && type <= 44) ||
                            (type >= 48 && type <= 55);
     kind.idr = type == 19 || type == 20;
+    kind.randomAccess = type >= 16 && type <= 23;  // BLA, IDR, CRA and the reserved IRAP types
     return kind;
 }
 
@@ -115,6 +118,13 @@ AnnexBCodec annexBDetectCodec(const uint8_t* data, size_t bytes) {
     const bool hevc = plausible(AnnexBCodec::Hevc, data, units);
     if (h264 == hevc) return AnnexBCodec::Unknown;
     return h264 ? AnnexBCodec::H264 : AnnexBCodec::Hevc;
+}
+
+bool annexBHasRandomAccessPicture(const uint8_t* data, size_t bytes, AnnexBCodec codec) {
+    if (codec == AnnexBCodec::Unknown) return false;
+    for (const NalUnit& nal : findNalUnits(data, bytes, SIZE_MAX))
+        if (kindOf(codec, data, nal).randomAccess) return true;
+    return false;
 }
 
 std::vector<AccessUnit> annexBSplitAccessUnits(const uint8_t* data, size_t bytes, AnnexBCodec codec) {

@@ -15,6 +15,10 @@ const char* annexBCodecName(AnnexBCodec codec);
 // codec's parameter sets must be among them. Unknown otherwise.
 AnnexBCodec annexBDetectCodec(const uint8_t* data, size_t bytes);
 
+// Whether the data holds a picture from which decoding can start with no earlier picture: an
+// HEVC IRAP picture (NAL unit types 16 to 23) or an H.264 IDR picture.
+bool annexBHasRandomAccessPicture(const uint8_t* data, size_t bytes, AnnexBCodec codec);
+
 struct AccessUnit {
     size_t offset;
     size_t bytes;
