@@ -71,7 +71,7 @@ TEST(NullPipe, EveryInstanceCallFailsWithTheLibraryWideText) {
     const auto expectFailure = [&](uint32_t result, const char* call) {
         EXPECT_EQ(result, 1u) << call;
         EXPECT_EQ(libraryText(), text) << call;
-        libraryError().clear();
+        setLibraryError("");
     };
     expectFailure(ZOHW_Encode(nullptr, &size, buffer, 64, buffer), "Encode");
     expectFailure(ZOHW_Encode_And_Store(nullptr, stream, &size, buffer, 64, 1, nullptr, 0),

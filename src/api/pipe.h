@@ -24,4 +24,8 @@ struct ZoHwPipe {
 };
 
 // The text that calls without a pipe, and failed creations, leave for ZOHW_GetError(NULL).
-std::string& libraryError();
+// Every such text is a string literal, and the slot holds a pointer to it that is swapped
+// atomically: threads failing at the same time cannot corrupt it, and a pointer once
+// returned stays valid for ever. (A reader may still see another thread's latest text.)
+void setLibraryError(const char* literal);
+const char* libraryError();

@@ -2,9 +2,11 @@
 // and the copies into caller memory. The codec objects do the work.
 #include <cuda_runtime_api.h>
 
+#include <atomic>
 #include <cstring>
 #include <iostream>
 #include <new>
+#include <stdexcept>
 
 #include "NVCompression/NvCodec/NvEncoder/NvEncoderCapabilities.h"
 #include "api/pipe.h"
@@ -28,7 +30,7 @@ const char kEncoderUnsupported[] = "unsupported hardware or codec for encoding";
 
 bool isEncoderPipe(ZoHwPipe* pipe) {
     if (!pipe) {
-        libraryError() = kNullInstance;
+        setLibraryError(kNullInstance);
         return false;
     }
     if (!pipe->encoder) {
@@ -40,7 +42,7 @@ bool isEncoderPipe(ZoHwPipe* pipe) {
 
 bool isDecoderPipe(ZoHwPipe* pipe) {
     if (!pipe) {
-        libraryError() = kNullInstance;
+        setLibraryError(kNullInstance);
         return false;
     }
     if (!pipe->hwDecoder && !pipe->swDecoder) {
@@ -59,6 +61,31 @@ DecodeMode decodeMode(const ZoHwPipe& pipe) {
     return DecodeMode::None;
 }
 
+// Construction of a codec object never throws to the host: an object that cannot be made
+// (its memory, for a huge frame size) counts as one that is not ready.
+template <class Codec, class... Arguments>
+std::unique_ptr<Codec> makeCodecObject(Arguments... arguments) {
+    try {
+        return std::make_unique<Codec>(arguments...);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// Running out of memory while reading a file or keeping the index is a failed call, not an
+// exception for a C host. The exceptions that hosts are promised (Exception, the codec
+// exceptions, "invalid vector<T> subscript") still pass.
+template <class Call>
+uint32_t failOnExhaustion(Call call) {
+    try {
+        return call();
+    } catch (const std::bad_alloc&) {
+        return kFailed;
+    } catch (const std::length_error&) {
+        return kFailed;
+    }
+}
+
 bool lookUpSampleInfo(const ZoHwPipe& pipe, int32_t sample, QrvSampleInfo& info) {
     auto* bytes = reinterpret_cast<uint8_t*>(&info);
     switch (decodeMode(pipe)) {
@@ -71,42 +98,47 @@ bool lookUpSampleInfo(const ZoHwPipe& pipe, int32_t sample, QrvSampleInfo& info)
 
 }  // namespace
 
-std::string& libraryError() {
-    static std::string text;
-    return text;
-}
+namespace {
+std::atomic<const char*> libraryErrorText{""};
+}  // namespace
+
+void setLibraryError(const char* literal) { libraryErrorText.store(literal); }
+
+const char* libraryError() { return libraryErrorText.load(); }
 
 extern "C" {
 
 ZOHW_API ZoHwPipe* ZOHW_CreateEncoder(uint32_t dataFormat, uint32_t codec, uint32_t lossless,
                                       uint32_t width, uint32_t height, uint64_t bitrate,
                                       uint32_t frameRate) {
-    auto* pipe = new ZoHwPipe();
-    pipe->encoder.reset(new (std::nothrow)
-                            HwEncoder(dataFormat, codec, lossless, bitrate, width, height, frameRate));
-    pipe->width = width;
-    pipe->height = height;
-    if (pipe->encoder && pipe->encoder->isReady()) return pipe;
-    libraryError() = kEncoderUnsupported;
-    delete pipe;
+    std::unique_ptr<ZoHwPipe> pipe(new (std::nothrow) ZoHwPipe());
+    if (pipe) {
+        pipe->encoder =
+            makeCodecObject<HwEncoder>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
+        pipe->width = width;
+        pipe->height = height;
+        if (pipe->encoder && pipe->encoder->isReady()) return pipe.release();
+    }
+    setLibraryError(kEncoderUnsupported);
     return nullptr;
 }
 
 ZOHW_API ZoHwPipe* ZOHW_CreateDecoder(uint32_t dataFormat, uint32_t codec, uint32_t width,
                                       uint32_t height, uint32_t swReserved) {
-    auto* pipe = new ZoHwPipe();
-    pipe->hwDecoder.reset(new (std::nothrow) HwDecoder(dataFormat, codec, width, height));
-    const bool hardware = pipe->hwDecoder && pipe->hwDecoder->isReady();
-    if (!hardware) pipe->swDecoder.reset(new (std::nothrow) SwDecoder(width, height, swReserved));
-    if (!hardware && !(pipe->swDecoder && pipe->swDecoder->isReady())) {
-        libraryError() = kDecoderUnsupported;
-        std::cout << kDecoderUnsupported << std::endl;
-        delete pipe;
-        return nullptr;
+    std::unique_ptr<ZoHwPipe> pipe(new (std::nothrow) ZoHwPipe());
+    if (pipe) {
+        pipe->hwDecoder = makeCodecObject<HwDecoder>(dataFormat, codec, width, height);
+        const bool hardware = pipe->hwDecoder && pipe->hwDecoder->isReady();
+        if (!hardware) pipe->swDecoder = makeCodecObject<SwDecoder>(width, height, swReserved);
+        if (hardware || (pipe->swDecoder && pipe->swDecoder->isReady())) {
+            pipe->width = width;
+            pipe->height = height;
+            return pipe.release();
+        }
     }
-    pipe->width = width;
-    pipe->height = height;
-    return pipe;
+    setLibraryError(kDecoderUnsupported);
+    std::cout << kDecoderUnsupported << std::endl;
+    return nullptr;
 }
 
 ZOHW_API void ZOHW_Destroy(ZoHwPipe* pipe) { delete pipe; }
@@ -130,10 +162,12 @@ ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* 
     *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &frameType, false);
     if (*outSize == 0 || !stream) return kFailed;
     HwEncoder& encoder = *pipe->encoder;
-    encoder.appendIndexEntry(static_cast<uint64_t>(qrvTell(stream)), frameType);
-    qrvWriteRecord(stream, QrvRecord{encoder.encodedFrames(), timestamp, frameType,
-                                     encoder.outputBuffer(), *outSize, metadata, metadataWords});
-    return kOk;
+    return failOnExhaustion([&] {
+        encoder.appendIndexEntry(static_cast<uint64_t>(qrvTell(stream)), frameType);
+        qrvWriteRecord(stream, QrvRecord{encoder.encodedFrames(), timestamp, frameType,
+                                         encoder.outputBuffer(), *outSize, metadata, metadataWords});
+        return kOk;
+    });
 }
 
 ZOHW_API uint32_t ZOHW_Decode(ZoHwPipe* pipe, const void* bitstream, uint64_t size,
@@ -161,9 +195,11 @@ ZOHW_API uint32_t ZOHW_DecodeFrameAndMetadata(ZoHwPipe* pipe, FILE* stream, void
         return kFailed;
     QrvSampleInfo info;
     auto* infoBytes = reinterpret_cast<uint8_t*>(&info);
+    // Both modes take the lock (software reading was once left unlocked), so that a seek and a
+    // sequential read on one pipe never run inside the decoder at the same time.
+    std::lock_guard<std::mutex> guard(pipe->lock);
     switch (decodeMode(*pipe)) {
         case DecodeMode::Hardware: {
-            std::lock_guard<std::mutex> guard(pipe->lock);
             int result = 0;
             for (int tries = 0; tries < kRecordTries && result < 1; ++tries)
                 result = pipe->hwDecoder->decodeNextRecord(stream, outFrame, outFrameNumber,
@@ -225,7 +261,7 @@ ZOHW_API uint32_t ZOHW_GetEncCapabilities(uint32_t* h264Supported, uint32_t* hev
 }
 
 ZOHW_API const char* ZOHW_GetError(ZoHwPipe* pipe) {
-    return pipe ? pipe->error.c_str() : libraryError().c_str();
+    return pipe ? pipe->error.c_str() : libraryError();
 }
 
 ZOHW_API uint32_t ZOHW_GetVersion(void) { return kVersion; }
@@ -242,10 +278,9 @@ ZOHW_API uint32_t ZOHW_GetMetadataForSample(ZoHwPipe* pipe, FILE* stream, void* 
 
 ZOHW_API uint32_t ZOHW_GetTimeStampForSample(ZoHwPipe* pipe, FILE* stream, int32_t sample,
                                              uint64_t* outTimestamp) {
-    if (!outTimestamp) return kFailed;
-    *outTimestamp = 0;
+    if (outTimestamp) *outTimestamp = 0;
     if (!isDecoderPipe(pipe)) return kFailed;
-    if (!stream) return kFailed;
+    if (!stream || !outTimestamp) return kFailed;
     QrvSampleInfo info;
     if (!lookUpSampleInfo(*pipe, sample, info)) return kFailed;
     *outTimestamp = info.sampleTime;
@@ -276,19 +311,23 @@ ZOHW_API uint32_t ZOHW_CreateQRVContainer(ZoHwPipe* pipe, FILE* stream, const ui
 ZOHW_API uint32_t ZOHW_CloseQRVContainer(ZoHwPipe* pipe, FILE* stream) {
     if (!isEncoderPipe(pipe)) return kFailed;
     if (!stream) return kFailed;
-    pipe->encoder->writeIndex(stream);
-    return kOk;
+    return failOnExhaustion([&] {
+        pipe->encoder->writeIndex(stream);
+        return kOk;
+    });
 }
 
 ZOHW_API uint32_t ZOHW_CreateQRVTracker(ZoHwPipe* pipe, FILE* stream) {
     if (!isDecoderPipe(pipe)) return kFailed;
     if (!stream) return kFailed;
-    switch (decodeMode(*pipe)) {
-        case DecodeMode::Hardware: return pipe->hwDecoder->readIndex(stream) ? kOk : kFailed;
-        case DecodeMode::Software: return pipe->swDecoder->readIndex(stream) ? kOk : kFailed;
-        case DecodeMode::None: break;
-    }
-    return kFailed;
+    return failOnExhaustion([&] {
+        switch (decodeMode(*pipe)) {
+            case DecodeMode::Hardware: return pipe->hwDecoder->readIndex(stream) ? kOk : kFailed;
+            case DecodeMode::Software: return pipe->swDecoder->readIndex(stream) ? kOk : kFailed;
+            case DecodeMode::None: break;
+        }
+        return kFailed;
+    });
 }
 
 }  // extern "C"
