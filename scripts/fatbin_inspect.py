@@ -12,10 +12,13 @@ after the other (8-byte aligned, zero padding between them). Layout as read from
                                 u64 uncompressed size at 72 (compressed entries only)
 
 Kernel names are looked for inside uncompressed entries and among the host-side registration
-strings (the file's non-device bytes).
+strings (the file's non-device bytes). The registration strings of one module lie in the order
+in which its kernels are registered, so each --kernel list, one module's kernels, must appear
+in that order.
 
   fatbin_inspect.py LIB                      print the entries
-  fatbin_inspect.py LIB --sm 75 80 --ptx 120 --kernel NAME ...   check; exit status 1 on a miss
+  fatbin_inspect.py LIB --sm 75 80 --ptx 120 --kernel NAME ... [--kernel NAME ...]
+                                             check; exit status 1 on a miss
 """
 
 import argparse
@@ -81,7 +84,8 @@ def main():
     parser.add_argument("library")
     parser.add_argument("--sm", type=int, nargs="*", default=[], help="native code required for these archs")
     parser.add_argument("--ptx", type=int, nargs="*", default=[], help="PTX required for these archs")
-    parser.add_argument("--kernel", nargs="*", default=[], help="mangled kernel names required")
+    parser.add_argument("--kernel", nargs="*", action="append", default=[],
+                        help="mangled kernel names of one module, in registration order")
     args = parser.parse_args()
 
     data = open(args.library, "rb").read()
@@ -101,9 +105,15 @@ def main():
             if not any(e["kind"] == kind and e["arch"] == arch for e in entries):
                 failures.append("no %s entry for %d" % (kind, arch))
     host_bytes = data[:offset] + data[offset + size:]
-    for name in args.kernel:
+    for module in args.kernel:
+        positions = [host_bytes.find(name.encode() + b"\0") for name in module]
+        found = [p for p in positions if p >= 0]
+        if found != sorted(found):
+            failures.append("kernels not registered in the order " + " ".join(module))
+    kernels = [name for module in args.kernel for name in module]
+    for name in kernels:
         encoded = name.encode()
-        if encoded not in host_bytes:
+        if encoded + b"\0" not in host_bytes:
             failures.append("%s: no host registration string" % name)
         for kind, archs in (("elf", args.sm), ("ptx", args.ptx)):
             for arch in archs:
@@ -112,7 +122,7 @@ def main():
                     failures.append("%s: not in an uncompressed %s entry for %d" % (name, kind, arch))
     for failure in failures:
         print("FAIL " + failure)
-    print("%d device code entries, %d kernels, %d failures" % (len(entries), len(args.kernel), len(failures)))
+    print("%d device code entries, %d kernels, %d failures" % (len(entries), len(kernels), len(failures)))
     return 1 if failures else 0
 
 
