@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "api/pipe.h"
@@ -83,6 +84,7 @@ TEST(NullPipe, EveryInstanceCallFailsWithTheLibraryWideText) {
     expectFailure(ZOHW_GetTimeStampForSample(nullptr, stream, 1, &timestamp),
                   "GetTimeStampForSample");
     EXPECT_EQ(timestamp, 0u) << "the timestamp is cleared before any check";
+    expectFailure(ZOHW_GetTimeStampForSample(nullptr, stream, 1, nullptr), "GetTimeStampForSample");
     expectFailure(ZOHW_SetHEVCPositionInFile(nullptr, stream, 0), "SetHEVCPositionInFile");
     expectFailure(ZOHW_CreateQRVContainer(nullptr, stream, buffer, 4), "CreateQRVContainer");
     expectFailure(ZOHW_CloseQRVContainer(nullptr, stream), "CloseQRVContainer");
@@ -93,6 +95,23 @@ TEST(NullPipe, EveryInstanceCallFailsWithTheLibraryWideText) {
     ZOHW_Destroy(nullptr);
     std::fclose(stream);
     EXPECT_TRUE(file.read().empty()) << "nothing was written through a null pipe";
+}
+
+// Calls failing on several threads at once leave a whole text behind, never a torn or freed one.
+TEST(NullPipe, ParallelFailuresLeaveAWholeText) {
+    const std::string nullInstance = "Invalid ZoHwPipe instance NULL";
+    const std::string noEncoder = "unsupported hardware or codec for encoding";
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 500; ++i) {
+                if (t % 2) EXPECT_EQ(ZOHW_GetDecoderType(nullptr), 0u);
+                else EXPECT_EQ(ZOHW_CreateEncoder(3, 1, 0, 64, 48, 1000000, 30), nullptr);
+                const std::string text = ZOHW_GetError(nullptr);
+                EXPECT_TRUE(text == nullInstance || text == noEncoder) << text;
+            }
+        });
+    for (std::thread& thread : threads) thread.join();
 }
 
 TEST(Creation, EncoderCreationFailsQuietlyWithoutNvenc) {

@@ -203,6 +203,20 @@ TEST(ColourDepths, WideningAndNarrowingFollowTheDocumentedRules) {
         }
 }
 
+// Black, mid and max come from the colour standard's table, not from the samples' depth:
+// 16-bit samples holding BT.709 code values convert as the 8-bit codes they are.
+TEST(ColourDepths, CodeValuesFollowTheColourStandard) {
+    const uint16_t white[6] = {235, 235, 235, 235, 128, 128};  // a 2 x 2 P016 frame
+    Bytes bgra(2 * 8 * 2);
+    P016ToColor64_reference(reinterpret_cast<const uint8_t*>(white), 4, bgra.data(), 16, 2, 2, 0);
+    for (int i = 0; i < 4; ++i) {
+        const BGRA64 p = pixel64(bgra, 16, i % 2, i / 2);
+        EXPECT_EQ(p.b, 65535);
+        EXPECT_EQ(p.g, 65535);
+        EXPECT_EQ(p.r, 65535);
+    }
+}
+
 TEST(ColourPlanar, PlanesHoldTheChannelsOfThePackedResult) {
     const int width = 7, height = 5, pitch = 9;
     const Bytes nv12 = randomBytes(size_t(width + 1) * (height + 3), 31);

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/hevc_streams.h"
@@ -204,6 +206,49 @@ TEST_F(SwDecoding, SeekingDecodesFromTheNearestKeyFrame) {
     EXPECT_THROW(pipe.seek(12), std::out_of_range);
 }
 
+// Re-reading the index in the middle of a stream keeps the decoder's references: the client
+// returns to where it was and the next P-frame decodes.
+TEST_F(SwDecoding, ReReadingTheIndexKeepsTheReferenceChain) {
+    const HevcStream& s = hevcStream(streams, "gop5_200x120");
+    const auto reference = referenceYuyvFrames(s);
+    const auto records = readRecords(s.qrvPath);
+    File file = openFile(s.qrvPath);
+    SwPipe pipe(file.get(), s.width, s.height);
+    ASSERT_TRUE(pipe.tracked);
+    ASSERT_EQ(pipe.seek(0), 0u);
+    expectRecord(pipe.decode(), 0, s, reference, records);
+    expectRecord(pipe.decode(), 1, s, reference, records);
+    const off_t position = ftello(file.get());
+    ASSERT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 0u);
+    ASSERT_EQ(fseeko(file.get(), position, SEEK_SET), 0);
+    expectRecord(pipe.decode(), 2, s, reference, records);
+}
+
+// A seek on one thread and sequential reads on another, on one pipe and file: each call runs
+// whole under the pipe's lock, so every frame delivered is the picture of the record it names.
+TEST_F(SwDecoding, SeekAndReadFromTwoThreads) {
+    const HevcStream& s = hevcStream(streams, "gop5_200x120");
+    const auto reference = referenceYuyvFrames(s);
+    File file = openFile(s.qrvPath);
+    SwPipe pipe(file.get(), s.width, s.height);
+    ASSERT_TRUE(pipe.tracked);
+    std::atomic<bool> seeking{true};
+    std::thread seeker([&] {
+        for (int i = 0; i < 100; ++i) EXPECT_EQ(pipe.seek(i * 7 % 12), 0u);
+        seeking = false;
+    });
+    size_t delivered = 0;
+    while (seeking) {
+        const Decoded d = pipe.decode();
+        if (d.status != 0) continue;
+        ++delivered;
+        ASSERT_TRUE(d.frameNumber >= 1 && d.frameNumber <= s.frames);
+        EXPECT_TRUE(d.frame == reference[d.frameNumber - 1]) << "record " << d.frameNumber - 1;
+    }
+    seeker.join();
+    EXPECT_GT(delivered, 0u);
+}
+
 // A pipe narrower or lower than the pictures gets their top-left part; one wider or taller
 // than the pictures fails rather than read outside them.
 TEST_F(SwDecoding, PipeSizeAgainstPictureSize) {
@@ -330,6 +375,21 @@ TEST_F(SwDecoding, PFrameWithoutItsReferenceFails) {
     EXPECT_EQ(pipe.decode().status, 1u);                      // records 2 and 3
     expectRecord(pipe.decode(), 5, s, reference, records);   // record 4 fails, 5 decodes
     expectRecord(pipe.decode(), 6, s, reference, records);
+}
+
+// A record starts a reference chain when its payload holds an IRAP picture, whatever its frame
+// type: a file without key-frame types decodes from its first record, and seeks start there.
+TEST_F(DamagedRecords, IrapPayloadsStartChainsWhateverTheirFrameType) {
+    QrvTestFile file = build({payloads[0], payloads[1], payloads[2], payloads[3], payloads[4]}, {});
+    SwPipe pipe(file.get(), stream->width, stream->height);
+    ASSERT_TRUE(pipe.tracked);
+    for (int32_t target : {0, 4, 2}) {
+        ASSERT_EQ(pipe.seek(target), 0u);
+        const Decoded d = pipe.decode();
+        ASSERT_EQ(d.status, 0u) << "record " << target;
+        EXPECT_EQ(d.frameNumber, uint32_t(target + 1));
+        EXPECT_TRUE(d.frame == reference[size_t(target)]) << "record " << target;
+    }
 }
 
 // An empty payload, and a payload that runs past the end of the file, fail at once.
