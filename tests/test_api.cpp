@@ -102,9 +102,9 @@ TEST(NullPipe, ParallelFailuresLeaveAWholeText) {
     const std::string nullInstance = "Invalid ZoHwPipe instance NULL";
     const std::string noEncoder = "unsupported hardware or codec for encoding";
     std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
+    for (int t = 0; t < 8; ++t)
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 500; ++i) {
+            for (int i = 0; i < 3000; ++i) {
                 if (t % 2) EXPECT_EQ(ZOHW_GetDecoderType(nullptr), 0u);
                 else EXPECT_EQ(ZOHW_CreateEncoder(3, 1, 0, 64, 48, 1000000, 30), nullptr);
                 const std::string text = ZOHW_GetError(nullptr);
