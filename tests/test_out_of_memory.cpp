@@ -25,11 +25,15 @@ void* operator new(size_t size) {
     if (!memory) throw std::bad_alloc();
     return memory;
 }
-// The matching deletes: operator new above takes its memory from malloc.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return size < failFrom ? std::malloc(size ? size : 1) : nullptr;
+}
+// The matching deletes: the operators new above take their memory from malloc.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
 #pragma GCC diagnostic pop
 
 // A decoder for a frame whose buffers cannot be had is one that cannot be made.
