@@ -121,6 +121,10 @@ TEST_F(Encoding, TheSessionIsReusedForItsGeometryAndRecreatedForANewOne) {
     EXPECT_EQ(fake.initParams.encodeHeight, 12u);
     EXPECT_EQ(fake.sessions.size(), 1u);
     EXPECT_EQ(encoder.encodedFrames(), 3u);
+    fake.failing = {{"nvEncInitializeEncoder", NV_ENC_ERR_GENERIC}};
+    EXPECT_EQ(encoder.encode(image.get(), 64, 32, 8, &type, false), 0u);  // no session for 32 x 8
+    EXPECT_EQ(type, uint32_t(NV_ENC_PIC_TYPE_UNKNOWN));
+    fake.failing.clear();
 }
 
 // What NVENC encodes is the CPU twin's packing of the input, from host memory with any pitch

@@ -124,8 +124,11 @@ uint64_t HwEncoder::encode(const void* data, uint64_t pitch, uint32_t width, uin
                            uint32_t* pictureType, bool forceIntra) {
     device::api().setCurrentContext(context);
     setUpSession(pictureWidth(dataFormat, width), height);
-    // A session that could not be made for this geometry fails the frame.
-    if (!encoder || !encoder->IsEncoderCreated()) throw Exception("Encode failed (no encoder session)");
+    // Without a session for this geometry nothing comes out; the exported calls fail the frame.
+    if (!encoder || !encoder->IsEncoderCreated()) {
+        *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
+        return 0;
+    }
     const NvEncInputFrame* frame = encoder->GetNextInputFrame();
     const uint32_t sourcePitch = static_cast<uint32_t>(pitch);
     if (dataFormat == packing::kColour32)
