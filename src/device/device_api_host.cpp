@@ -136,7 +136,7 @@ int copy2DChecked(HostCall call, void* dst, size_t dstPitch, const void* src, si
     if (!copyRanges(dst, src, surfaceExtent(dstPitch, rows, rowBytes), surfaceExtent(srcPitch, rows, rowBytes),
                     kind))
         return kInvalidValue;
-    for (size_t row = 0; row < rows; ++row)
+    for (size_t row = 0; rowBytes && row < rows; ++row)
         std::memmove(static_cast<uint8_t*>(dst) + row * dstPitch, static_cast<const uint8_t*>(src) + row * srcPitch,
                      rowBytes);
     return 0;
