@@ -1,11 +1,64 @@
 #!/usr/bin/env bash
 # On a machine with an NVIDIA GPU: builds and runs the kernel-versus-CPU-twin tests and the
-# kernel bandwidth benchmark. Usage: scripts/gpu-check.sh [BUILD_DIR] (default build-gpu).
+# kernel bandwidth benchmark. Where NVENC is present it also records 300 frames of each input
+# kind through the C interface (zoqrv record), decodes the streams with ffmpeg, checks that the
+# lossless kinds 2-5 come back bit for bit, and compares the frame rate with ffmpeg's
+# hevc_nvenc on the same frames. Usage: scripts/gpu-check.sh [BUILD_DIR] (default build-gpu).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${1:-$root/build-gpu}
 nvidia-smi -L || echo "nvidia-smi not available" >&2
 cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=Release
-cmake --build "$build_dir" -j"$(nproc)" --target test_gpu_kernels bench_kernels
+cmake --build "$build_dir" -j"$(nproc)" --target test_gpu_kernels bench_kernels zoqrv
 "$build_dir/tests/test_gpu_kernels"
 "$build_dir/bench/bench_kernels" --benchmark_counters_tabular=true
+
+zoqrv="$build_dir/tools/zoqrv"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+width=640 height=480 frames=300
+# Probe: one lossless 8-bit frame. Without NVENC the encoder cannot be created.
+head -c $((width * height)) /dev/urandom >"$work/probe.raw"
+if ! "$zoqrv" record "$work/probe.raw" "$work/probe.qrv" 3 $width $height >/dev/null 2>&1; then
+  echo "gpu-check: no NVENC encoder here; skipping the recording checks"
+  exit 0
+fi
+command -v ffmpeg >/dev/null || { echo "gpu-check: ffmpeg not found" >&2; exit 1; }
+
+# kind: bytes per sample in the caller's layout ("h" for 4-bit) and NVENC picture width factor
+declare -A sample=([0]=4 [1]=2 [2]=h [3]=1 [4]=2 [5]=4) widen=([0]=1 [1]=1 [2]=1 [3]=1 [4]=2 [5]=4)
+status=0
+for kind in 0 1 2 3 4 5; do
+  python3 - "$work/in$kind.raw" "$kind" $width $height $frames <<'PY'
+import sys, random
+path, kind, w, h, n = sys.argv[1], int(sys.argv[2]), *map(int, sys.argv[3:])
+size = {0: 4, 1: 2, 3: 1, 4: 2, 5: 4}.get(kind, 0) * w * h or w * h // 2
+rng = random.Random(kind)
+base = bytes((x ^ rng.randrange(4)) & 0xFF for x in range(size))  # a gradient with noise
+with open(path, "wb") as f:
+    for i in range(n):  # moving by 3 bytes a frame
+        f.write(base[3 * i % size:] + base[:3 * i % size])
+PY
+  echo "kind $kind:"
+  "$zoqrv" record "$work/in$kind.raw" "$work/k$kind.qrv" $kind $width $height
+  "$zoqrv" export "$work/k$kind.qrv" "$work/k$kind.hevc" >/dev/null
+  picture_width=$((width * ${widen[$kind]}))
+  ffmpeg -nostdin -hide_banner -loglevel error -y -i "$work/k$kind.hevc" -f rawvideo -pix_fmt gray "$work/k$kind.luma"
+  if [ "$kind" -ge 2 ]; then
+    python3 - "$work/in$kind.raw" "$work/k$kind.luma" "$kind" $width $height <<'PY' || status=1
+import sys
+raw, luma, kind, w, h = open(sys.argv[1], "rb").read(), open(sys.argv[2], "rb").read(), *map(int, sys.argv[3:])
+if kind == 2:  # two samples a byte, the left one in the low nibble
+    raw = bytes(v for b in raw for v in (b & 15, b >> 4))
+ok = raw == luma
+print("  lossless round trip:", "bit for bit" if ok else "MISMATCH (%d vs %d bytes)" % (len(raw), len(luma)))
+sys.exit(0 if ok else 1)
+PY
+  fi
+  if [ "$kind" -ge 3 ]; then
+    echo "  ffmpeg hevc_nvenc on the same pictures:"
+    ffmpeg -nostdin -hide_banner -benchmark -f rawvideo -pix_fmt gray -s ${picture_width}x$height -i "$work/in$kind.raw" \
+      -c:v hevc_nvenc -tune lossless -f null - 2>&1 | grep -Eo 'fps= *[0-9.]+' | tail -1 | sed 's/^/    /'
+  fi
+done
+exit $status

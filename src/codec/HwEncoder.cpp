@@ -1,16 +1,166 @@
 #include "codec/HwEncoder.h"
 
-// The NVENC session is not built yet: the encoder never becomes ready.
+#include <atomic>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "codec/Exception.h"
+#include "device/device_api.h"
+
+namespace {
+
+enum class InterfaceChoice { Undecided, Legacy, Newest };
+std::atomic<InterfaceChoice> interfaceChoice{InterfaceChoice::Undecided};
+
+// NVENC picture width of one row of data: 16- and 32-bit samples take 2 and 4 luma bytes.
+uint32_t pictureWidth(uint32_t dataFormat, uint32_t width) {
+    return dataFormat == packing::kUint16 ? 2 * width : dataFormat == packing::kUint32 ? 4 * width : width;
+}
+
+NV_ENC_BUFFER_FORMAT bufferFormat(uint32_t dataFormat) {
+    return dataFormat == packing::kColour32 ? NV_ENC_BUFFER_FORMAT_ARGB : NV_ENC_BUFFER_FORMAT_NV12;
+}
+
+}  // namespace
+
+void HwEncoder::forgetInterfaceChoice() { interfaceChoice = InterfaceChoice::Undecided; }
+
 HwEncoder::HwEncoder(uint32_t dataFormat_, uint32_t codec_, uint32_t lossless_, uint64_t bitrate_,
-                     uint32_t, uint32_t, uint32_t frameRate_)
-    : dataFormat(dataFormat_), codec(codec_), lossless(lossless_), bitrate(bitrate_),
-      frameRate(frameRate_) {}
+                     uint32_t width, uint32_t height, uint32_t frameRate_)
+    : dataFormat(dataFormat_), lossless(lossless_), codec(codec_), bitrate(bitrate_), frameRate(frameRate_) {
+    ready = setUpSession(width, height);
+}
 
-HwEncoder::~HwEncoder() = default;
+HwEncoder::~HwEncoder() {
+    device::api().free(staging.ptr);
+    encoder.reset();
+}
 
-uint64_t HwEncoder::encode(const void*, uint64_t, uint32_t, uint32_t, uint32_t* pictureType, bool) {
-    *pictureType = 0;
-    return 0;
+bool HwEncoder::setUpSession(uint32_t width, uint32_t height) {
+    if (width == sessionWidth && height == sessionHeight) return false;
+    sessionWidth = width;
+    sessionHeight = height;
+    // The old session has the old geometry: frames of the new one must never reach it.
+    encoder.reset();
+    try {
+        output.assign(static_cast<size_t>(width) * height * 4, 0);
+    } catch (const std::bad_alloc&) {
+        output.clear();
+        return false;
+    }
+    const device::Api& api = device::api();
+    api.synchronize();
+    api.getCurrentContext(&context);
+    if (codec == 1 && !probeEncoderCapabilities(context).hevc) return false;
+    // The low-latency VBV size divides by the frame rate.
+    if (lossless != 1 && frameRate == 0) return false;
+
+    // The legacy presets come first; drivers that refuse them (from the 590 series on) are
+    // asked again through the newest interface, and the process remembers which one worked.
+    if (interfaceChoice != InterfaceChoice::Newest) {
+        const SessionResult legacy = createSession(kNvEncInterface8_1, width, height);
+        if (legacy == SessionResult::Created) interfaceChoice = InterfaceChoice::Legacy;
+        if (legacy != SessionResult::PresetsRefused || interfaceChoice == InterfaceChoice::Legacy)
+            return legacy == SessionResult::Created;
+    }
+    if (createSession(kNvEncInterfaceNewest, width, height) != SessionResult::Created) return false;
+    interfaceChoice = InterfaceChoice::Newest;
+    return true;
+}
+
+HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInterface, uint32_t width,
+                                                  uint32_t height) {
+    encoder.reset();
+    try {
+        encoder.reset(new NvEncoderCuda(context, width, height, bufferFormat(dataFormat), 0, false, nvencInterface));
+    } catch (const NVENCException&) {
+        return SessionResult::Failed;
+    }
+    if (codec > 1) return SessionResult::Failed;
+    const bool legacy = nvencInterface.hasLegacyPresets();
+    const GUID codecGuid = codec == 0 ? NV_ENC_CODEC_H264_GUID : NV_ENC_CODEC_HEVC_GUID;
+    GUID presetGuid = lossless == 1 ? kNvEncPresetLosslessDefaultGuid : kNvEncPresetLowLatencyHqGuid;
+    if (!legacy) presetGuid = lossless == 1 ? NV_ENC_PRESET_P3_GUID : NV_ENC_PRESET_P4_GUID;
+    const NV_ENC_TUNING_INFO tuningInfo = lossless == 1 ? NV_ENC_TUNING_INFO_LOSSLESS : NV_ENC_TUNING_INFO_LOW_LATENCY;
+    const uint32_t gopLength = lossless == 1 ? frameRate >> 1 : frameRate;
+
+    NV_ENC_CONFIG config = {};
+    NV_ENC_INITIALIZE_PARAMS params = {};
+    config.version = nvencInterface.extendedStructVersion(7);
+    params.version = nvencInterface.extendedStructVersion(5);
+    params.encodeConfig = &config;
+    try {
+        encoder->CreateDefaultEncoderParams(&params, codecGuid, presetGuid, gopLength, tuningInfo);
+        params.encodeWidth = width;
+        params.encodeHeight = height;
+        params.frameRateNum = frameRate;
+        params.frameRateDen = 1;
+        params.enablePTD = 1;
+        config.gopLength = gopLength;
+        config.encodeCodecConfig.h264Config.idrPeriod = gopLength;
+        config.encodeCodecConfig.hevcConfig.idrPeriod = gopLength;
+        // Every IDR carries its parameter sets, so a fresh decoder can start at any key frame.
+        if (codec == 0) config.encodeCodecConfig.h264Config.repeatSPSPPS = 1;
+        else config.encodeCodecConfig.hevcConfig.repeatSPSPPS = 1;
+        if (lossless != 1) {
+            // CBR_LOWDELAY_HQ went with the legacy presets; the newer interface's low-latency
+            // tuning with plain CBR stands in for it.
+            config.rcParams.rateControlMode = legacy ? NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ : NV_ENC_PARAMS_RC_CBR;
+            const uint32_t bitsPerSecond = static_cast<uint32_t>(bitrate);
+            config.rcParams.averageBitRate = config.rcParams.maxBitRate = bitsPerSecond;
+            config.rcParams.vbvBufferSize = config.rcParams.vbvInitialDelay = bitsPerSecond / frameRate;
+        }
+        encoder->CreateEncoder(&params);
+    } catch (const NVENCException&) {
+        // The preset query and the initialisation are where a driver refuses the legacy
+        // presets; a failure after initialisation (ring set-up) is no refusal.
+        return legacy && !encoder->IsEncoderCreated() ? SessionResult::PresetsRefused : SessionResult::Failed;
+    }
+    return SessionResult::Created;
+}
+
+uint64_t HwEncoder::encode(const void* data, uint64_t pitch, uint32_t width, uint32_t height,
+                           uint32_t* pictureType, bool forceIntra) {
+    device::api().setCurrentContext(context);
+    setUpSession(pictureWidth(dataFormat, width), height);
+    // Without a session for this geometry nothing comes out; the exported calls fail the frame.
+    if (!encoder || !encoder->IsEncoderCreated()) {
+        *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
+        return 0;
+    }
+    const NvEncInputFrame* frame = encoder->GetNextInputFrame();
+    const uint32_t sourcePitch = static_cast<uint32_t>(pitch);
+    if (dataFormat == packing::kColour32)
+        packing::copyColourForEncode(data, sourcePitch, frame->inputPtr, width, height);
+    else
+        packing::launchPackForEncode(dataFormat, data, sourcePitch, frame->inputPtr, frame->pitch, width, height,
+                                     staging);
+    const uint64_t bytes = collect(output.data(), static_cast<uint64_t>(width) * height * 4, pictureType, forceIntra);
+    if (bytes) ++encodedFrameCount;
+    return bytes;
+}
+
+uint64_t HwEncoder::collect(uint8_t* out, uint64_t capacity, uint32_t* pictureType, bool forceIntra) {
+    *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
+    try {
+        if (forceIntra) {
+            NV_ENC_PIC_PARAMS picParams = {};
+            picParams.encodePicFlags = NV_ENC_PIC_FLAG_FORCEINTRA | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS;
+            *pictureType = encoder->EncodeFrame(packets, &picParams);
+        } else {
+            *pictureType = encoder->EncodeFrame(packets);
+        }
+    } catch (const NVENCException& e) {
+        throw Exception(std::string("Encode failed (") + e.what() + ")");
+    }
+    uint64_t total = 0;
+    for (const std::vector<uint8_t>& packet : packets) {
+        if (total + packet.size() > capacity) throw Exception("Encode output buffer overflow");
+        std::memcpy(out + total, packet.data(), packet.size());
+        total += packet.size();
+    }
+    return total;
 }
 
 void HwEncoder::appendIndexEntry(uint64_t filePosition, uint32_t frameType) {

@@ -30,24 +30,22 @@ struct LaunchGeometry {
 LaunchGeometry encodeGeometry(uint32_t width, uint32_t height);
 LaunchGeometry decodeGeometry(uint32_t code, uint32_t width, uint32_t height);
 
-// True only when the CUDA runtime knows the pointer as device memory; any failed query means host.
-bool isDevicePointer(const void* pointer);
-
 // Grow-only device buffer for callers whose pixels live in host memory.
 struct StagingBuffer {
     void* ptr = nullptr;
     uint32_t capacity = 0;
 };
 
-// Makes the buffer hold at least `size` bytes. The capacity is recorded before cudaMalloc runs,
-// so a failed allocation still leaves the new size recorded. The encoder side throws Exception
-// with "Failed to allocate temporary device memory" on failure; the decoder side does not check.
+// Makes the buffer hold at least `size` bytes. The capacity is recorded before the allocation
+// runs, so a failed allocation leaves the new size recorded and a null pointer, which the next
+// call allocates again. The encoder side throws Exception with "Failed to allocate temporary
+// device memory" on failure; the decoder side does not check.
 void growEncoderStaging(StagingBuffer& staging, uint32_t size);
 void growDecoderStaging(StagingBuffer& staging, uint32_t size);
 
 // Codes 1–5: packs the caller's image (host or device) into the NV12 frame at `frame` with
-// `framePitch`. Host input is copied flat into the staging buffer, yet the kernel still gets
-// the caller's pitch, so host callers must pass the tight pitch. Unknown codes do nothing.
+// `framePitch`. Host input is staged row by row with the caller's pitch, so any pitch works.
+// Unknown codes do nothing. All device work goes through device::api().
 void launchPackForEncode(uint32_t code, const void* src, uint32_t srcPitch, void* frame,
                          uint32_t framePitch, uint32_t width, uint32_t height,
                          StagingBuffer& staging);
@@ -57,7 +55,8 @@ void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32
                          uint32_t height);
 
 // Unpacks a decoded NV12 frame (device memory) into `out` (host or device) in the caller's
-// layout; code 0 converts to BGRA with BT.709 and reads the frame with pitch `width`.
+// layout; code 0 converts to BGRA with BT.709 and reads the frame with pitch `width`. Bytes of
+// the packed size that the kernel does not write (4-bit data of odd width) are zeroed.
 // Returns the packed size, 0 for an unknown code (nothing launched).
 uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t framePitch, void* out,
                                uint32_t width, uint32_t height, StagingBuffer& staging);

@@ -1,4 +1,5 @@
 // The packing kernels: one thread per data sample (per output byte when joining 4-bit pairs).
+#include "device/device_api.h"
 #include "kernels/packing_threads.h"
 
 #define ZOQRV_PACKING_KERNEL(name, work)                                                        \
@@ -20,3 +21,18 @@ ZOQRV_PACKING_KERNEL(uint16_to_nv12, packing::packSample<2>)
 ZOQRV_PACKING_KERNEL(nv12_to_uint16, packing::unpackSample<2>)
 ZOQRV_PACKING_KERNEL(uint32_to_nv12, packing::packSample<4>)
 ZOQRV_PACKING_KERNEL(nv12_to_uint32, packing::unpackSample<4>)
+
+int device::launchPackingOnGpu(const PackingLaunch& launch) {
+    using Kernel = void (*)(const unsigned char*, unsigned int, unsigned char*, unsigned int, unsigned int,
+                            unsigned int);
+    // In the order of PackingKernel.
+    static const Kernel kernels[] = {nv12_to_uint32, uint32_to_nv12, nv12_to_uint16, uint16_to_nv12,
+                                     nv12_to_uyvy,   uyvy_to_nv12,   nv12_to_uint8,  uint8_to_nv12,
+                                     nv12_to_uint4,  uint4_to_nv12};
+    const packing::LaunchGeometry& g = launch.geometry;
+    // A configuration that cannot be pushed skips the kernel; the caller ignores the result.
+    kernels[static_cast<uint32_t>(launch.kernel)]<<<dim3(g.gridX, g.gridY, 1), dim3(g.blockX, g.blockY, 1)>>>(
+        static_cast<const unsigned char*>(launch.src), launch.srcPitch, static_cast<unsigned char*>(launch.dst),
+        launch.dstPitch, launch.width, launch.height);
+    return cudaGetLastError();
+}

@@ -1,5 +1,6 @@
 #include "kernels/packing_reference.h"
 
+#include "device/device_api.h"
 #include "kernels/packing.h"
 #include "kernels/packing_threads.h"
 
@@ -43,3 +44,15 @@ ZOQRV_DEFINE_PACKING_REFERENCE(nv12_to_uint32, packing::unpackSample<4>,
 ZOQRV_DEFINE_PACKING_REFERENCE(uyvy_to_nv12, packing::packUyvy, encodeGeometry(width, height))
 ZOQRV_DEFINE_PACKING_REFERENCE(nv12_to_uyvy, packing::unpackUyvy,
                                decodeGeometry(packing::kUyvy, width, height))
+
+void device::runPackingOnHost(const PackingLaunch& launch) {
+    // In the order of PackingKernel.
+    static const ThreadWork work[] = {
+        packing::unpackSample<4>, packing::packSample<4>, packing::unpackSample<2>, packing::packSample<2>,
+        packing::unpackUyvy,      packing::packUyvy,      packing::unpackSample<1>, packing::packSample<1>,
+        packing::unpackNibblePair, packing::packNibble,
+    };
+    runGrid(launch.geometry, work[static_cast<uint32_t>(launch.kernel)],
+            static_cast<const unsigned char*>(launch.src), launch.srcPitch,
+            static_cast<unsigned char*>(launch.dst), launch.dstPitch, launch.width, launch.height);
+}

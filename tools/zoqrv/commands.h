@@ -13,6 +13,7 @@ int runInfo(const Arguments& args);
 int runImport(const Arguments& args);
 int runExport(const Arguments& args);
 int runExtract(const Arguments& args);
+int runRecord(const Arguments& args);
 
 // Prints "zoqrv: " and the message on stderr; returns 1.
 int fail(const std::string& message);

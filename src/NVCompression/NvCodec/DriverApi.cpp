@@ -15,6 +15,10 @@ DriverApi loadDriverLibraries() {
         api.cuda = cuda;
         api.cuCtxGetCurrent =
             reinterpret_cast<tcuCtxGetCurrent*>(FFNV_SYM_FUNC(cuda->lib, "cuCtxGetCurrent"));
+        api.cuCtxSetCurrent =
+            reinterpret_cast<tcuCtxSetCurrent*>(FFNV_SYM_FUNC(cuda->lib, "cuCtxSetCurrent"));
+        api.cuMemcpy2DUnaligned = reinterpret_cast<tcuMemcpy2DUnaligned*>(
+            FFNV_SYM_FUNC(cuda->lib, "cuMemcpy2DUnaligned_v2"));
     }
     CuvidFunctions* cuvid = nullptr;
     if (cuvid_load_functions(&cuvid, nullptr) == 0) api.cuvid = cuvid;

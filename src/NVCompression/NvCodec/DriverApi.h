@@ -13,10 +13,14 @@ constexpr CUresult kCudaErrorNotInitialized = static_cast<CUresult>(3);
 
 // Not in the loader's table; loaded from the same library handle.
 typedef CUresult CUDAAPI tcuCtxGetCurrent(CUcontext* pctx);
+typedef CUresult CUDAAPI tcuCtxSetCurrent(CUcontext ctx);
+typedef CUresult CUDAAPI tcuMemcpy2DUnaligned(const CUDA_MEMCPY2D* pcopy);
 
 struct DriverApi {
     const CudaFunctions* cuda = nullptr;  // null without libcuda
     tcuCtxGetCurrent* cuCtxGetCurrent = nullptr;
+    tcuCtxSetCurrent* cuCtxSetCurrent = nullptr;
+    tcuMemcpy2DUnaligned* cuMemcpy2DUnaligned = nullptr;
     const CuvidFunctions* cuvid = nullptr;  // null without libnvcuvid
     // NVENC is loaded for each use and released after it; 0 on success.
     int (*loadNvenc)(NvencFunctions** functions) = nullptr;

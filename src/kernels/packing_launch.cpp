@@ -1,0 +1,116 @@
+#include "kernels/packing.h"
+
+#include "codec/Exception.h"
+#include "device/device_api.h"
+
+namespace packing {
+namespace {
+
+using device::CopyKind;
+using device::PackingKernel;
+
+bool encodeKernel(uint32_t code, PackingKernel& kernel) {
+    switch (code) {
+    case kUyvy: kernel = PackingKernel::UyvyToNv12; return true;
+    case kUint4: kernel = PackingKernel::Uint4ToNv12; return true;
+    case kUint8: kernel = PackingKernel::Uint8ToNv12; return true;
+    case kUint16: kernel = PackingKernel::Uint16ToNv12; return true;
+    case kUint32: kernel = PackingKernel::Uint32ToNv12; return true;
+    default: return false;
+    }
+}
+
+bool decodeKernel(uint32_t code, PackingKernel& kernel) {
+    switch (code) {
+    case kUyvy: kernel = PackingKernel::Nv12ToUyvy; return true;
+    case kUint4: kernel = PackingKernel::Nv12ToUint4; return true;
+    case kUint8: kernel = PackingKernel::Nv12ToUint8; return true;
+    case kUint16: kernel = PackingKernel::Nv12ToUint16; return true;
+    case kUint32: kernel = PackingKernel::Nv12ToUint32; return true;
+    default: return false;
+    }
+}
+
+// Frees and reallocates when too small or when an earlier allocation failed; returns the
+// allocation's result (0 when kept). The freed pointer is cleared before the allocation, so a
+// failure leaves no dangling pointer to be used or freed again.
+int grow(StagingBuffer& staging, uint32_t size) {
+    const device::Api& api = device::api();
+    if (staging.ptr && staging.capacity >= size) return 0;
+    if (staging.ptr) api.free(staging.ptr);
+    staging.ptr = nullptr;
+    staging.capacity = size;
+    return api.allocate(&staging.ptr, size);
+}
+
+}  // namespace
+
+void growEncoderStaging(StagingBuffer& staging, uint32_t size) {
+    checkCudaRuntime(grow(staging, size), "Failed to allocate temporary device memory");
+}
+
+void growDecoderStaging(StagingBuffer& staging, uint32_t size) { grow(staging, size); }
+
+void launchPackForEncode(uint32_t code, const void* src, uint32_t srcPitch, void* frame,
+                         uint32_t framePitch, uint32_t width, uint32_t height,
+                         StagingBuffer& staging) {
+    PackingKernel kernel;
+    if (!encodeKernel(code, kernel)) return;
+    const device::Api& api = device::api();
+    const void* source = src;
+    uint32_t sourcePitch = srcPitch;
+    if (!api.isDevicePointer(src)) {
+        // Departure from the flat copy: host rows are staged with a 2-D copy that honours the
+        // caller's pitch, and the kernel reads the staged rows with the tight pitch. A flat copy
+        // read with a wider pitch would make the kernel read past the staging buffer, an illegal
+        // address that ends the CUDA context.
+        const uint32_t tight = tightPitch(code, width);
+        growEncoderStaging(staging, packedSize(code, width, height));
+        api.copy2D(staging.ptr, tight, src, srcPitch, tight, height, CopyKind::HostToDevice);
+        source = staging.ptr;
+        sourcePitch = tight;
+    }
+    api.launchPacking({kernel, encodeGeometry(width, height), source, sourcePitch, frame, framePitch, width,
+                       height});
+}
+
+void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32_t width,
+                         uint32_t height) {
+    const device::Api& api = device::api();
+    const size_t rowBytes = static_cast<size_t>(width) * 4;
+    api.copy2D(frame, rowBytes, src, srcPitch, rowBytes, height,
+               api.isDevicePointer(src) ? CopyKind::DeviceToDevice : CopyKind::HostToDevice);
+}
+
+uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t framePitch, void* out,
+                               uint32_t width, uint32_t height, StagingBuffer& staging) {
+    PackingKernel kernel;
+    const bool packed = decodeKernel(code, kernel);
+    if (!packed && code != kColour32) return 0;
+    const device::Api& api = device::api();
+    const uint32_t size = packedSize(code, width, height);
+    void* destination = out;
+    const bool staged = !api.isDevicePointer(out);
+    if (staged) {
+        growDecoderStaging(staging, size);
+        destination = staging.ptr;
+    }
+    if (packed) {
+        const uint32_t pitch = tightPitch(code, width);
+        api.launchPacking({kernel, decodeGeometry(code, width, height), frame, framePitch, destination, pitch,
+                           width, height});
+        // 4-bit rows of odd width leave the packed size's last bytes unwritten: clear them so that
+        // no stale device memory reaches the caller.
+        const uint32_t written = pitch * height;
+        if (size > written) api.fill(static_cast<uint8_t*>(destination) + written, 0, size - written);
+    } else {
+        // The decoded frame reaches the colour conversion tightly packed, pitch = width.
+        api.nv12ToBgra(static_cast<const uint8_t*>(frame), static_cast<int>(width),
+                       static_cast<uint8_t*>(destination), static_cast<int>(width * 4), static_cast<int>(width),
+                       static_cast<int>(height), 0);
+    }
+    if (staged) api.copy(out, staging.ptr, size, CopyKind::DeviceToHost);
+    return size;
+}
+
+}  // namespace packing

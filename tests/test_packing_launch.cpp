@@ -1,0 +1,123 @@
+// The packing launches of both wrappers on the host device table: the surfaces they produce
+// against the CPU twins, staging, and what a GPU would fault on.
+#include <gtest/gtest.h>
+
+#include "codec/Exception.h"
+#include "device/device_api.h"
+#include "kernels/packing.h"
+#include "kernels/packing_reference.h"
+#include "support/host_device.h"
+#include "support/random_bytes.h"
+
+namespace {
+
+using PackingFunction = void (*)(const unsigned char*, unsigned, unsigned char*, unsigned, unsigned, unsigned);
+struct Format {
+    uint32_t code, lumaBytesPerPixel;
+    PackingFunction pack, unpack;
+};
+const Format kFormats[] = {
+    {packing::kUyvy, 1, uyvy_to_nv12_reference, nv12_to_uyvy_reference},
+    {packing::kUint4, 1, uint4_to_nv12_reference, nv12_to_uint4_reference},
+    {packing::kUint8, 1, uint8_to_nv12_reference, nv12_to_uint8_reference},
+    {packing::kUint16, 2, uint16_to_nv12_reference, nv12_to_uint16_reference},
+    {packing::kUint32, 4, uint32_to_nv12_reference, nv12_to_uint32_reference},
+};
+struct Size {
+    uint32_t width, height;
+};
+const Size kSizes[] = {{1, 1}, {3, 3}, {17, 5}, {64, 8}, {33, 9}};
+
+}  // namespace
+
+// Host input with rows wider than the data (padding 0 and 7) and device input.
+TEST_F(OnHostDevice, PackedFramesEqualTheCpuTwinForEveryPitchAndMemory) {
+    uint32_t seed = 1;
+    for (const Format& format : kFormats)
+        for (const Size size : kSizes)
+            for (uint32_t padding : {0u, 7u})
+                for (bool deviceInput : {false, true}) {
+                    const uint32_t w = size.width, h = size.height;
+                    SCOPED_TRACE(testing::Message() << "code " << format.code << " " << w << "x" << h << " padding "
+                                                    << padding << (deviceInput ? " device" : " host"));
+                    const uint32_t pitch = packing::tightPitch(format.code, w) + padding;
+                    const Bytes image = randomBytes(size_t(pitch) * h, seed++);
+                    const uint32_t framePitch = w * format.lumaBytesPerPixel + 3;
+                    const size_t frameBytes = size_t(framePitch) * (h + (h + 1) / 2);
+                    Bytes expected(frameBytes, 0xCD);
+                    format.pack(image.data(), pitch, expected.data(), framePitch, w, h);
+
+                    DeviceBuffer frame(frameBytes), source(image.size());
+                    source.upload(image);
+                    packing::StagingBuffer staging;
+                    packing::launchPackForEncode(format.code, deviceInput ? source.get() : image.data(), pitch,
+                                                 frame.get(), framePitch, w, h, staging);
+                    EXPECT_EQ(frame.download(), expected);
+                    EXPECT_EQ(staging.ptr == nullptr, deviceInput);
+                    device::api().free(staging.ptr);
+                    expectNoFaults();
+                }
+}
+
+// The decoder side writes exactly the packed size; bytes its kernel leaves (4-bit rows of odd
+// width) come out as 0, never as stale device memory.
+TEST_F(OnHostDevice, UnpackedImagesHoldThePackedSizeWithNoStaleBytes) {
+    uint32_t seed = 100;
+    for (const Format& format : kFormats)
+        for (const Size size : kSizes)
+            for (bool deviceOutput : {false, true}) {
+                const uint32_t w = size.width, h = size.height;
+                SCOPED_TRACE(testing::Message() << "code " << format.code << " " << w << "x" << h);
+                const uint32_t framePitch = w * format.lumaBytesPerPixel + 5;
+                const Bytes nv12 = randomBytes(size_t(framePitch) * (h + (h + 1) / 2), seed++);
+                const uint32_t packed = packing::packedSize(format.code, w, h);
+                Bytes expected(packed, 0);
+                format.unpack(nv12.data(), framePitch, expected.data(), packing::tightPitch(format.code, w), w, h);
+
+                DeviceBuffer frame(nv12.size()), deviceOut(packed);
+                frame.upload(nv12);
+                Bytes hostOut(packed, 0xEE);
+                packing::StagingBuffer staging;
+                EXPECT_EQ(packing::launchUnpackForDecode(format.code, frame.get(), framePitch,
+                                                         deviceOutput ? deviceOut.get() : hostOut.data(), w, h,
+                                                         staging),
+                          packed);
+                EXPECT_EQ(deviceOutput ? deviceOut.download() : hostOut, expected);
+                device::api().free(staging.ptr);
+                expectNoFaults();
+            }
+}
+
+TEST_F(OnHostDevice, AFailedStagingAllocationLeavesNoFreedPointerBehind) {
+    packing::StagingBuffer staging;
+    packing::growEncoderStaging(staging, 100);
+    device::hostDevice().failNext(device::HostCall::Allocate);
+    EXPECT_THROW(packing::growEncoderStaging(staging, 200), Exception);
+    EXPECT_EQ(staging.ptr, nullptr);
+    EXPECT_EQ(staging.capacity, 200u);  // the capacity is recorded before the allocation
+    EXPECT_EQ(device::hostDevice().liveAllocations(), 0u);
+
+    // The next host frame allocates again and is packed correctly.
+    const Bytes image = randomBytes(200, 7);
+    DeviceBuffer frame(size_t(200) * 2);
+    packing::launchPackForEncode(packing::kUint8, image.data(), 20, frame.get(), 20, 20, 10, staging);
+    EXPECT_NE(staging.ptr, nullptr);
+    const Bytes packed = frame.download();
+    EXPECT_EQ(Bytes(packed.begin(), packed.begin() + 200), image);
+    device::api().free(staging.ptr);
+    expectNoFaults();
+}
+
+TEST_F(OnHostDevice, ColourImagesAreCopiedWithRowPitchFourTimesWidth) {
+    const uint32_t w = 5, h = 3, pitch = w * 4 + 6;
+    const Bytes image = randomBytes(size_t(pitch) * h, 9);
+    Bytes expected;
+    for (uint32_t y = 0; y < h; ++y) expected.insert(expected.end(), &image[y * pitch], &image[y * pitch + w * 4]);
+    DeviceBuffer fromHost(expected.size()), fromDevice(expected.size()), source(image.size());
+    source.upload(image);
+    packing::copyColourForEncode(image.data(), pitch, fromHost.get(), w, h);
+    packing::copyColourForEncode(source.get(), pitch, fromDevice.get(), w, h);
+    EXPECT_EQ(fromHost.download(), expected);
+    EXPECT_EQ(fromDevice.download(), expected);
+    expectNoFaults();
+}
