@@ -172,17 +172,17 @@ TEST_F(GpuKernels, StagingBuffersGrowOnlyAndAreReused) {
     cudaFree(decoder.ptr);
 }
 
-TEST_F(GpuKernels, ColourImageCopyForEncodeUsesRowPitchOfFourTimesWidth) {
+TEST_F(GpuKernels, ColourImageCopyForEncodeWritesRowsAtTheFramePitch) {
     const uint32_t w = 13, h = 5, srcPitch = w * 4 + 20;
     const Bytes image = randomBytes(size_t(srcPitch) * h, 400);
     Bytes expected(size_t(w) * 4 * h + 16, kPoison);
     for (uint32_t y = 0; y < h; ++y)
         std::copy_n(&image[size_t(y) * srcPitch], w * 4, &expected[size_t(y) * w * 4]);
     DeviceBytes fromHost(Bytes(expected.size(), kPoison));
-    packing::copyColourForEncode(image.data(), srcPitch, fromHost.get(), w, h);
+    packing::copyColourForEncode(image.data(), srcPitch, fromHost.get(), w * 4, w, h);
     EXPECT_EQ(fromHost.read(), expected);
     DeviceBytes source(image), fromDevice(Bytes(expected.size(), kPoison));
-    packing::copyColourForEncode(source.get(), srcPitch, fromDevice.get(), w, h);
+    packing::copyColourForEncode(source.get(), srcPitch, fromDevice.get(), w * 4, w, h);
     EXPECT_EQ(fromDevice.read(), expected);
 }
 

@@ -136,7 +136,7 @@ TEST_F(Encoding, EveryInputKindReachesTheEncoderAsTheCpuTwinPacksIt) {
         Pack pack;
     } kinds[] = {{0, 4, nullptr},           {1, 1, uyvy_to_nv12_reference},   {2, 1, uint4_to_nv12_reference},
                  {3, 1, uint8_to_nv12_reference}, {4, 2, uint16_to_nv12_reference}, {5, 4, uint32_to_nv12_reference}};
-    const uint32_t w = 16, h = 6;
+    const uint32_t w = 20, h = 6;  // rows of 80 bytes: the frame's pitch is wider
     uint32_t seed = 1;
     for (const Kind& kind : kinds)
         for (uint32_t padding : {0u, 5u})

@@ -108,16 +108,3 @@ TEST_F(OnHostDevice, AFailedStagingAllocationLeavesNoFreedPointerBehind) {
     expectNoFaults();
 }
 
-TEST_F(OnHostDevice, ColourImagesAreCopiedWithRowPitchFourTimesWidth) {
-    const uint32_t w = 5, h = 3, pitch = w * 4 + 6;
-    const Bytes image = randomBytes(size_t(pitch) * h, 9);
-    Bytes expected;
-    for (uint32_t y = 0; y < h; ++y) expected.insert(expected.end(), &image[y * pitch], &image[y * pitch + w * 4]);
-    DeviceBuffer fromHost(expected.size()), fromDevice(expected.size()), source(image.size());
-    source.upload(image);
-    packing::copyColourForEncode(image.data(), pitch, fromHost.get(), w, h);
-    packing::copyColourForEncode(source.get(), pitch, fromDevice.get(), w, h);
-    EXPECT_EQ(fromHost.download(), expected);
-    EXPECT_EQ(fromDevice.download(), expected);
-    expectNoFaults();
-}

@@ -132,7 +132,7 @@ uint64_t HwEncoder::encode(const void* data, uint64_t pitch, uint32_t width, uin
     const NvEncInputFrame* frame = encoder->GetNextInputFrame();
     const uint32_t sourcePitch = static_cast<uint32_t>(pitch);
     if (dataFormat == packing::kColour32)
-        packing::copyColourForEncode(data, sourcePitch, frame->inputPtr, width, height);
+        packing::copyColourForEncode(data, sourcePitch, frame->inputPtr, frame->pitch, width, height);
     else
         packing::launchPackForEncode(dataFormat, data, sourcePitch, frame->inputPtr, frame->pitch, width, height,
                                      staging);

@@ -50,9 +50,9 @@ void launchPackForEncode(uint32_t code, const void* src, uint32_t srcPitch, void
                          uint32_t framePitch, uint32_t width, uint32_t height,
                          StagingBuffer& staging);
 
-// Code 0 on the encode side: copies the BGRA image into the frame with row pitch 4·width.
-void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32_t width,
-                         uint32_t height);
+// Code 0 on the encode side: copies the BGRA image into the frame, rows framePitch apart.
+void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32_t framePitch,
+                         uint32_t width, uint32_t height);
 
 // Unpacks a decoded NV12 frame (device memory) into `out` (host or device) in the caller's
 // layout; code 0 converts to BGRA with BT.709 and reads the frame with pitch `width`. Bytes of

@@ -74,11 +74,13 @@ void launchPackForEncode(uint32_t code, const void* src, uint32_t srcPitch, void
                        height});
 }
 
-void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32_t width,
-                         uint32_t height) {
+void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32_t framePitch,
+                         uint32_t width, uint32_t height) {
     const device::Api& api = device::api();
     const size_t rowBytes = static_cast<size_t>(width) * 4;
-    api.copy2D(frame, rowBytes, src, srcPitch, rowBytes, height,
+    // Departure: rows go at the input frame's own pitch. A destination pitch of 4 · width
+    // shears the picture whenever the driver pads the frame's rows.
+    api.copy2D(frame, framePitch, src, srcPitch, rowBytes, height,
                api.isDevicePointer(src) ? CopyKind::DeviceToDevice : CopyKind::HostToDevice);
 }
 
