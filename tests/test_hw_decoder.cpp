@@ -6,9 +6,7 @@
 
 #include <memory>
 
-#include "kernels/colour_reference.h"
 #include "kernels/packing.h"
-#include "kernels/packing_reference.h"
 #include "support/decoding.h"
 #include "support/qrv_builder.h"
 #include "zo_qrv64.h"
@@ -16,9 +14,6 @@
 namespace {
 
 using testing::HasSubstr;
-using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
-
 constexpr uint32_t kHardware = 1, kSoftware = 2, kUint8 = 3;
 
 struct StreamCase {
@@ -26,21 +21,6 @@ struct StreamCase {
     const char* name;
     uint32_t codec;
 };
-
-// The caller's image for data format `code` from a decoded NV12 frame of `pitch`.
-Bytes unpackedByTheCpuTwin(uint32_t code, const Bytes& nv12, uint32_t pitch, uint32_t w, uint32_t h) {
-    Bytes out(packing::packedSize(code, w, h), 0);
-    const uint32_t tight = packing::tightPitch(code, w);
-    switch (code) {
-    case 0: Nv12ToColor32_reference(nv12.data(), int(w), out.data(), int(4 * w), int(w), int(h), 0); break;
-    case 1: nv12_to_uyvy_reference(nv12.data(), pitch, out.data(), tight, w, h); break;
-    case 2: nv12_to_uint4_reference(nv12.data(), pitch, out.data(), tight, w, h); break;
-    case 3: nv12_to_uint8_reference(nv12.data(), pitch, out.data(), tight, w, h); break;
-    case 4: nv12_to_uint16_reference(nv12.data(), pitch, out.data(), tight, w, h); break;
-    case 5: nv12_to_uint32_reference(nv12.data(), pitch, out.data(), tight, w, h); break;
-    }
-    return out;
-}
 
 class HwDecoding : public Decoding {
 protected:
@@ -56,18 +36,7 @@ protected:
     Pipe pipe(uint32_t code, uint32_t codec, uint32_t w, uint32_t h) {
         return Pipe(ZOHW_CreateDecoder(code, codec, w, h, 0), &ZOHW_Destroy);
     }
-    struct Frame {
-        uint32_t status, number = 0, type = 0;
-        uint64_t time = 0;
-        Bytes data;
-        std::array<uint8_t, 256> metadata{};
-    };
-    Frame next(ZoHwPipe* p, FILE* f, size_t bytes) {
-        Frame r{};
-        r.data.assign(bytes, 0xEE);
-        r.status = ZOHW_DecodeFrameAndMetadata(p, f, r.data.data(), &r.number, &r.time, &r.type, r.metadata.data());
-        return r;
-    }
+    Frame next(ZoHwPipe* p, FILE* f, size_t bytes) { return decodeRecord(p, f, bytes); }
     Bytes luma(size_t i) const { return Bytes(reference[i].begin(), reference[i].begin() + stream.width * stream.height); }
     // The parameter sets that lead the first access unit, without its picture.
     Bytes parameterSetsOnly() const {
@@ -88,39 +57,7 @@ TEST_P(HwPipes, ReadInOrderAndBySeekingAsTheCpuTwinUnpacksTheReference) {
     const auto [c, code] = GetParam();
     load(c);
     if (IsSkipped()) return;
-    const uint32_t W = stream.width, h = stream.height;
-    const uint32_t w = code == packing::kUint16 ? W / 2 : code == packing::kUint32 ? W / 4 : W;
-    Pipe p = pipe(code, c.codec, w, h);
-    ASSERT_TRUE(p);
-    ASSERT_EQ(ZOHW_GetDecoderType(p.get()), kHardware);
-    File f(fopen(stream.qrvPath.c_str(), "rb"), &fclose);
-    ASSERT_EQ(ZOHW_CreateQRVTracker(p.get(), f.get()), 0u);
-    ASSERT_EQ(ZOHW_SetHEVCPositionInFile(p.get(), f.get(), 0), 0u) << "past the client's header";
-    const uint32_t bytes = packing::packedSize(code, w, h), n = uint32_t(payloads.size());
-    auto expected = [&](size_t i) { return unpackedByTheCpuTwin(code, reference[i], W, w, h); };
-
-    // The last record's frame number (N) is above N - 1: sequential reading never delivers it.
-    for (uint32_t i = 0; i + 1 < n; ++i) {
-        const Frame r = next(p.get(), f.get(), bytes);
-        ASSERT_EQ(r.status, 0u) << "record " << i;
-        EXPECT_EQ(r.number, i + 1);
-        EXPECT_TRUE(r.data == expected(i)) << "record " << i;
-        EXPECT_EQ(r.type == 3, i % stream.keyint == 0);
-    }
-    EXPECT_EQ(next(p.get(), f.get(), bytes).status, 1u);
-    // The hardware reader's sample infos stop at N - 1: samples 1 to N - 2 are served.
-    uint64_t time = 0;
-    EXPECT_EQ(ZOHW_GetTimeStampForSample(p.get(), f.get(), int32_t(n - 2), &time), 0u);
-    EXPECT_EQ(time, (n - 2) * 40u);  // zoqrv import: 40,000 µs a frame at 25 fps
-    EXPECT_EQ(ZOHW_GetTimeStampForSample(p.get(), f.get(), int32_t(n - 1), &time), 1u);
-
-    for (uint32_t s : {n - 2, 1u, stream.keyint, 0u}) {
-        ASSERT_EQ(ZOHW_SetHEVCPositionInFile(p.get(), f.get(), int32_t(s)), 0u) << "seek to " << s;
-        const Frame r = next(p.get(), f.get(), bytes);
-        ASSERT_EQ(r.status, 0u) << "after a seek to " << s;
-        EXPECT_EQ(r.number, s + 1);
-        EXPECT_TRUE(r.data == expected(s)) << "after a seek to " << s;
-    }
+    expectPipeReadsAsTheReference(stream, c.codec, code, kHardware);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, HwPipes,
