@@ -24,15 +24,7 @@ struct StreamCase {
 
 class HwDecoding : public Decoding {
 protected:
-    // Skips the test (the caller returns on IsSkipped()) without the stream tools.
-    void load(const StreamCase& c) {
-        std::string whyMissing;
-        const auto streams = hevcStreams(c.set, whyMissing);
-        if (streams.empty()) GTEST_SKIP() << whyMissing;
-        stream = hevcStream(streams, c.name);
-        payloads = qrvPayloads(stream.qrvPath);
-        reference = referenceNv12Frames(stream);
-    }
+    void load(const StreamCase& c) { loadStream(c.set, c.name); }
     Pipe pipe(uint32_t code, uint32_t codec, uint32_t w, uint32_t h) {
         return Pipe(ZOHW_CreateDecoder(code, codec, w, h, 0), &ZOHW_Destroy);
     }
@@ -46,9 +38,6 @@ protected:
                 return Bytes(au.begin(), au.begin() + long(i));
         return {};
     }
-
-    HevcStream stream;
-    std::vector<Bytes> payloads, reference;
 };
 
 class HwPipes : public HwDecoding, public testing::WithParamInterface<std::tuple<StreamCase, uint32_t>> {};

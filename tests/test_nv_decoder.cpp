@@ -21,15 +21,7 @@ const StreamCase kH264198 = {"h264", "h264_gop4_198x118", cudaVideoCodec_H264};
 
 class NvDecoding : public Decoding {
 protected:
-    // Skips the test (the caller returns on IsSkipped()) without the stream tools.
-    void load(const StreamCase& c) {
-        std::string whyMissing;
-        const auto streams = hevcStreams(c.set, whyMissing);
-        if (streams.empty()) GTEST_SKIP() << whyMissing;
-        stream = hevcStream(streams, c.name);
-        payloads = qrvPayloads(stream.qrvPath);
-        reference = referenceNv12Frames(stream);
-    }
+    void load(const StreamCase& c) { loadStream(c.set, c.name); }
     std::unique_ptr<NvDecoder> make(cudaVideoCodec codec, bool deviceFrames = true, bool lowLatency = true,
                                     bool pitched = false) {
         device::api().synchronize();
@@ -59,9 +51,6 @@ protected:
         }
         return out;
     }
-
-    HevcStream stream;
-    std::vector<Bytes> payloads, reference;
 };
 
 // Frame kinds: device, device with a driver-chosen pitch, host.

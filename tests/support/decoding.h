@@ -18,21 +18,6 @@
 using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
-class Decoding : public OnHostDevice {
-protected:
-    Decoding() : fake((resetFakeCuvid(), fakeCuvid())), driver_(fake.driverApi()), scopedDriver_(driver_) {}
-    void TearDown() override {
-        for (const std::string& breach : fake.faults) ADD_FAILURE() << breach;
-        EXPECT_EQ(fake.liveObjects(), 0u) << "CUVID object left alive";
-        OnHostDevice::TearDown();
-    }
-
-    FakeCuvid& fake;
-
-private:
-    DriverApi driver_;
-    ScopedDriverApi scopedDriver_;
-};
 
 // ffmpeg's decode of every frame of `stream` as NV12 with pitch = width.
 inline std::vector<Bytes> referenceNv12Frames(const HevcStream& stream) {
@@ -50,6 +35,34 @@ inline std::vector<Bytes> referenceNv12Frames(const HevcStream& stream) {
     }
     return frames;
 }
+
+class Decoding : public OnHostDevice {
+protected:
+    Decoding() : fake((resetFakeCuvid(), fakeCuvid())), driver_(fake.driverApi()), scopedDriver_(driver_) {}
+    void TearDown() override {
+        for (const std::string& breach : fake.faults) ADD_FAILURE() << breach;
+        EXPECT_EQ(fake.liveObjects(), 0u) << "CUVID object left alive";
+        OnHostDevice::TearDown();
+    }
+
+    // Skips the test (the caller returns on IsSkipped()) without the stream tools.
+    void loadStream(const char* set, const char* name) {
+        std::string whyMissing;
+        const auto streams = hevcStreams(set, whyMissing);
+        if (streams.empty()) GTEST_SKIP() << whyMissing;
+        stream = hevcStream(streams, name);
+        payloads = qrvPayloads(stream.qrvPath);
+        reference = referenceNv12Frames(stream);
+    }
+
+    FakeCuvid& fake;
+    HevcStream stream;
+    std::vector<Bytes> payloads, reference;  // the recording's samples, ffmpeg's NV12 pictures
+
+private:
+    DriverApi driver_;
+    ScopedDriverApi scopedDriver_;
+};
 
 // Two access units as one sample.
 inline Bytes joined(const Bytes& a, const Bytes& b) {
