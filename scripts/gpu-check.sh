@@ -1,17 +1,25 @@
 #!/usr/bin/env bash
-# On a machine with an NVIDIA GPU: builds and runs the kernel-versus-CPU-twin tests and the
-# kernel bandwidth benchmark. Where NVENC is present it also records 300 frames of each input
-# kind through the C interface (zoqrv record), decodes the streams with ffmpeg, checks that the
-# lossless kinds 2-5 come back bit for bit, and compares the frame rate with ffmpeg's
-# hevc_nvenc on the same frames. Usage: scripts/gpu-check.sh [BUILD_DIR] (default build-gpu).
+# On a machine with an NVIDIA GPU: builds and runs the kernel-versus-CPU-twin tests, the kernel
+# bandwidth benchmark, hardware decoding of x265 and x264 recordings against ffmpeg's decode,
+# and hardware decoding speed against `ffmpeg -hwaccel cuda` (target: vs_ffmpeg >= 0.8). Where
+# NVENC is present it also records 300 frames of each input kind through the C interface
+# (zoqrv record), decodes the streams with ffmpeg, checks that the lossless kinds 2-5 come back
+# bit for bit, and compares the frame rate with ffmpeg's hevc_nvenc on the same frames.
+# Usage: scripts/gpu-check.sh [BUILD_DIR] (default build-gpu). Runs unattended.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${1:-$root/build-gpu}
 nvidia-smi -L || echo "nvidia-smi not available" >&2
 cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=Release
-cmake --build "$build_dir" -j"$(nproc)" --target test_gpu_kernels bench_kernels zoqrv
+cmake --build "$build_dir" -j"$(nproc)" --target test_gpu_kernels bench_kernels zoqrv test_gpu_decoding \
+  bench_hw_decoder
 "$build_dir/tests/test_gpu_kernels"
 "$build_dir/bench/bench_kernels" --benchmark_counters_tabular=true
+# Makes the x265/x264 test recordings on first use; every test skips if no GPU decodes.
+"$build_dir/tests/test_gpu_decoding"
+bench_data="$build_dir/bench-data"
+[ -f "$bench_data/streams.txt" ] || bash "$root/scripts/make-test-data.sh" "$bench_data" "$build_dir/tools/zoqrv" bench
+ZOQRV_BENCH_DATA="$bench_data" "$build_dir/bench/bench_hw_decoder" --benchmark_counters_tabular=true
 
 zoqrv="$build_dir/tools/zoqrv"
 work=$(mktemp -d)

@@ -1,12 +1,83 @@
 #include "codec/HwDecoder.h"
 
-// NVDEC is not built yet: the decoder never becomes ready and decodes nothing.
-HwDecoder::HwDecoder(uint32_t dataFormat_, uint32_t codec_, uint32_t, uint32_t)
-    : dataFormat(dataFormat_), codec(codec_) {}
+#include <climits>
+#include <iostream>
 
-HwDecoder::~HwDecoder() = default;
+#include "device/device_api.h"
 
-uint32_t HwDecoder::decode(const uint8_t*, uint64_t, void*) { return 0; }
+namespace {
+
+// A sample is offered to the parser this many times before it counts as giving no picture.
+constexpr int kDecodeAttempts = 3;
+
+}  // namespace
+
+HwDecoder::HwDecoder(uint32_t dataFormat_, uint32_t codec_, uint32_t width_, uint32_t height_)
+    : dataFormat(dataFormat_), codec(codec_) {
+    ready = create(codec_, width_, height_);
+}
+
+HwDecoder::~HwDecoder() {
+    device::api().free(staging.ptr);
+    decoder.reset();
+}
+
+bool HwDecoder::create(uint32_t codec_, uint32_t w, uint32_t h) {
+    // The members start at 0 x 0, so a request for 0 x 0 fails here.
+    if (w == width && h == height) return false;
+    width = w;
+    height = h;
+    const device::Api& api = device::api();
+    api.synchronize();  // makes the runtime's primary context current
+    api.getCurrentContext(&context);
+    if (codec_ > 1) return false;
+    const cudaVideoCodec codecType = codec_ == 0 ? cudaVideoCodec_H264 : cudaVideoCodec_HEVC;
+    const CuvidFunctions* cuvid = driverApi().cuvid;
+    if (!cuvid || !cuvid->cuvidGetDecoderCaps) return false;
+    CUVIDDECODECAPS caps = {};
+    caps.eCodecType = codecType;
+    caps.eChromaFormat = cudaVideoChromaFormat_420;
+    caps.nBitDepthMinus8 = 0;
+    // Size limits are checked by NvDecoder when the stream's first sequence header arrives.
+    cuvid->cuvidGetDecoderCaps(&caps);
+    if (!caps.bIsSupported) return false;
+    try {
+        decoder.reset(new NvDecoder(context, int(w), int(h), true, codecType, nullptr, true, false));
+    } catch (const NVDECException& e) {
+        std::cout << "Failed to create decoder (" << e.what() << ")" << std::endl;
+        return false;
+    }
+    return true;
+}
+
+uint32_t HwDecoder::decode(const uint8_t* sample, uint64_t sampleBytes, void* out) {
+    // A wrapper that is not ready has no decoder; a packet size must fit the parser's int.
+    if (!decoder || sampleBytes > uint64_t(INT_MAX)) return 0;
+    const device::Api& api = device::api();
+    device::PushedContext pushed(api.pushContext(context) == 0);
+
+    uint8_t* frame = nullptr;
+    for (int attempt = 0; attempt < kDecodeAttempts && !frame; ++attempt) {
+        uint8_t** frames = nullptr;
+        int count = 0;
+        try {
+            decoder->Decode(sample, int(sampleBytes), &frames, &count, CUVID_PKT_ENDOFPICTURE, nullptr,
+                            frameCounter++);
+        } catch (const NVDECException& e) {
+            std::cout << "Decode failed (" << e.what() << ")" << std::endl;
+            break;
+        }
+        // Of several pictures only the last one is delivered.
+        if (count > 0) frame = frames[count - 1];
+    }
+    if (!frame) return 0;
+    // A pipe larger than the decoded picture would make the kernels read outside the frame.
+    if (packing::pictureWidth(dataFormat, width) > uint32_t(decoder->GetWidth()) ||
+        height > uint32_t(decoder->GetHeight()))
+        return 0;
+    return packing::launchUnpackForDecode(dataFormat, frame, uint32_t(decoder->GetDeviceFramePitch()), out, width,
+                                          height, staging);
+}
 
 QrvDecodeStep HwDecoder::decodeStep() {
     return [this](const uint8_t* payload, uint32_t bytes, void* out) {
@@ -14,11 +85,11 @@ QrvDecodeStep HwDecoder::decodeStep() {
     };
 }
 
-int HwDecoder::decodeNextRecord(FILE* stream, void* out, uint32_t* frameNumber,
-                                uint64_t* captureTime, uint32_t* frameType, uint8_t* sampleInfo,
-                                uint32_t w, uint32_t h) {
-    return reader.decodeNextRecord(stream, out, frameNumber, captureTime, frameType, sampleInfo, w,
-                                   h, decodeStep());
+// The payload buffer is sized from the size the wrapper was created with, whatever the call says.
+int HwDecoder::decodeNextRecord(FILE* stream, void* out, uint32_t* frameNumber, uint64_t* captureTime,
+                                uint32_t* frameType, uint8_t* sampleInfo, uint32_t, uint32_t) {
+    return reader.decodeNextRecord(stream, out, frameNumber, captureTime, frameType, sampleInfo, width, height,
+                                   decodeStep());
 }
 
 bool HwDecoder::seekToSample(FILE* stream, int32_t sample) {

@@ -1,13 +1,18 @@
-// Decodes samples on NVDEC and unpacks them into the caller's data format.
+// Decodes samples on NVDEC and unpacks each picture into the caller's data format, on the GPU,
+// into device memory or (through a staging buffer) host memory.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
+#include "NVCompression/NvCodec/NvDecoder/NvDecoder.h"
 #include "container/qrv_file.h"
+#include "kernels/packing.h"
 
 class HwDecoder {
 public:
+    // Never throws for a failed creation: isReady() tells.
     HwDecoder(uint32_t dataFormat, uint32_t codec, uint32_t width, uint32_t height);
     ~HwDecoder();
     HwDecoder(const HwDecoder&) = delete;
@@ -26,12 +31,17 @@ public:
     bool seekToSample(FILE* stream, int32_t sample);
 
 private:
+    bool create(uint32_t codec, uint32_t w, uint32_t h);
     QrvDecodeStep decodeStep();
 
     uint32_t dataFormat;
     uint32_t width = 0;
     uint32_t height = 0;
-    uint32_t codec;
+    std::unique_ptr<NvDecoder> decoder;
+    uint32_t frameCounter = 0;
     bool ready = false;
-    QrvHardwareReader reader;
+    CUcontext context = nullptr;
+    uint32_t codec;
+    packing::StagingBuffer staging;
+    QrvHardwareReader reader;  // the index, the sample infos and the payload buffer
 };

@@ -208,6 +208,8 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
                                                                QrvRecordHead& head, uint8_t* sampleInfo,
                                                                uint32_t width, uint32_t height,
                                                                const QrvDecodeStep& decode) {
+    // Without an index there is no record to accept.
+    if (index_.empty()) return RecordOutcome::Refused;
     // Frame numbers count from 1, so this also refuses the last record of a file; files have
     // always been read this way.
     if (!readFrameNumber(stream, int64_t(uint32_t(frameCount_ - 1)), head.frameNumber))
@@ -216,7 +218,10 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
     if (!readHeadTail(stream, head, payloadBytes)) return RecordOutcome::NotDecoded;
     if ((payloadBytes > payloadBuffer_.size() || payloadBuffer_.empty()) &&
         !growPayloadBuffer(width, height)) {
-        qrvSeek(stream, int64_t(qrvAt(index_, head.frameNumber).recordOffset), SEEK_SET);
+        // A frame number beyond the index (the trailer may claim more records than it lists)
+        // fails the record instead of raising an exception out of the walk.
+        if (head.frameNumber < index_.size())
+            qrvSeek(stream, int64_t(index_[head.frameNumber].recordOffset), SEEK_SET);
         return RecordOutcome::NotDecoded;
     }
     int decoded = -1;
@@ -226,7 +231,8 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
     } else if (readExact(stream, payloadBuffer_.data(), payloadBytes)) {
         decoded = decode(payloadBuffer_.data(), payloadBytes, frame);
     }
-    readExact(stream, sampleInfo, kSampleInfoBytes);  // whatever the decode gave
+    // Read whatever the decode gave; one that cannot be read is handed on as zeros.
+    if (!readExact(stream, sampleInfo, kSampleInfoBytes)) memset(sampleInfo, 0, kSampleInfoBytes);
     return decoded >= 1 ? RecordOutcome::Decoded : RecordOutcome::NotDecoded;
 }
 

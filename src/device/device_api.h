@@ -58,6 +58,12 @@ struct Api {
     // NV12 to BGRA with the colour kernel of a colour standard.
     int (*nv12ToBgra)(const uint8_t* nv12, int nv12Pitch, uint8_t* bgra, int bgraPitch, int width,
                       int height, int colourStandard);
+    // Driver linear allocation (cuMemAlloc), freed with freePitched.
+    int (*driverAllocate)(CUdeviceptr* ptr, size_t bytes);
+    // driverCopy2D queued on a stream; streamSynchronize waits for it.
+    int (*driverCopy2DAsync)(void* dst, size_t dstPitch, const void* src, size_t srcPitch,
+                             size_t rowBytes, size_t rows, CopyKind kind, CUstream stream);
+    int (*streamSynchronize)(CUstream stream);
 };
 
 const Api& cudaApi();
@@ -65,6 +71,24 @@ const Api& hostApi();
 
 // The table in use: the CUDA one unless a ScopedApi replaced it.
 const Api& api();
+
+// Pops a context pushed just before, also when a call in between throws.
+class PushedContext {
+public:
+    explicit PushedContext(bool pushed) : pushed_(pushed) {}
+    ~PushedContext() {
+        if (pushed_) api().popContext();
+    }
+    PushedContext(const PushedContext&) = delete;
+    PushedContext& operator=(const PushedContext&) = delete;
+    int pop() {
+        pushed_ = false;
+        return api().popContext();
+    }
+
+private:
+    bool pushed_;
+};
 
 class ScopedApi {
 public:
@@ -79,7 +103,9 @@ private:
 
 // ---- The host implementation's state, for tests --------------------------------------------
 
-enum class HostCall { Allocate, AllocatePitch, Copy, Copy2D, DriverCopy2D, PushContext, Launch, Count };
+enum class HostCall {
+    Allocate, AllocatePitch, Copy, Copy2D, DriverCopy2D, PushContext, Launch, PopContext, StreamSynchronize, Count
+};
 
 // Allocations are real heap blocks filled with 0xCD, as stale device memory would be. Accesses
 // that a GPU would fault on (a kernel or copy that leaves its device allocation, a host pointer

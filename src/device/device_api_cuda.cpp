@@ -41,8 +41,8 @@ int freePitched(CUdeviceptr ptr) {
     return withDriver([&](const DriverApi& d) { return d.cuda->cuMemFree(ptr); });
 }
 
-int driverCopy2D(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t rowBytes,
-                 size_t rows, CopyKind kind, bool unaligned) {
+CUDA_MEMCPY2D copyParameters(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t rowBytes,
+                             size_t rows, CopyKind kind) {
     CUDA_MEMCPY2D copy = {};
     const bool deviceSource = kind != CopyKind::HostToDevice;
     copy.srcMemoryType = deviceSource ? CU_MEMORYTYPE_DEVICE : CU_MEMORYTYPE_HOST;
@@ -56,10 +56,30 @@ int driverCopy2D(void* dst, size_t dstPitch, const void* src, size_t srcPitch, s
     copy.dstPitch = dstPitch;
     copy.WidthInBytes = rowBytes;
     copy.Height = rows;
+    return copy;
+}
+
+int driverCopy2D(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t rowBytes,
+                 size_t rows, CopyKind kind, bool unaligned) {
+    const CUDA_MEMCPY2D copy = copyParameters(dst, dstPitch, src, srcPitch, rowBytes, rows, kind);
     return withDriver([&](const DriverApi& d) {
-        return unaligned && deviceSource && d.cuMemcpy2DUnaligned ? d.cuMemcpy2DUnaligned(&copy)
-                                                                  : d.cuda->cuMemcpy2D(&copy);
+        return unaligned && kind != CopyKind::HostToDevice && d.cuMemcpy2DUnaligned ? d.cuMemcpy2DUnaligned(&copy)
+                                                                                   : d.cuda->cuMemcpy2D(&copy);
     });
+}
+
+int driverCopy2DAsync(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t rowBytes,
+                      size_t rows, CopyKind kind, CUstream stream) {
+    const CUDA_MEMCPY2D copy = copyParameters(dst, dstPitch, src, srcPitch, rowBytes, rows, kind);
+    return withDriver([&](const DriverApi& d) { return d.cuda->cuMemcpy2DAsync(&copy, stream); });
+}
+
+int streamSynchronize(CUstream stream) {
+    return withDriver([&](const DriverApi& d) { return d.cuda->cuStreamSynchronize(stream); });
+}
+
+int driverAllocate(CUdeviceptr* ptr, size_t bytes) {
+    return withDriver([&](const DriverApi& d) { return d.cuda->cuMemAlloc(ptr, bytes); });
 }
 
 const char* driverErrorName(int result) {
@@ -99,7 +119,7 @@ const Api kCudaApi = {getCurrentContext, setCurrentContext, pushContext,   popCo
                       synchronize,       allocatePitch,     freePitched,   driverCopy2D,
                       driverErrorName,   allocate,          freeMemory,    copy,
                       copy2D,            fill,              isDevicePointer, launchPackingOnGpu,
-                      nv12ToBgra};
+                      nv12ToBgra,        driverAllocate,    driverCopy2DAsync, streamSynchronize};
 
 const Api* overrideApi = nullptr;
 

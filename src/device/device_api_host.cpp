@@ -83,7 +83,7 @@ int pushContext(CUcontext context) {
     return 0;
 }
 int popContext() {
-    if (state().contexts.empty()) return kInvalidValue;
+    if (takeFailure(HostCall::PopContext) || state().contexts.empty()) return kInvalidValue;
     state().contexts.pop_back();
     return 0;
 }
@@ -129,6 +129,12 @@ int allocatePitch(CUdeviceptr* ptr, size_t* pitch, size_t rowBytes, size_t rows,
     return result;
 }
 int freePitched(CUdeviceptr ptr) { return freeMemory(reinterpret_cast<void*>(ptr)); }
+int driverAllocate(CUdeviceptr* ptr, size_t bytes) {
+    void* block = nullptr;
+    const int result = allocate(&block, bytes);
+    *ptr = reinterpret_cast<CUdeviceptr>(block);
+    return result;
+}
 
 int copy2DChecked(HostCall call, void* dst, size_t dstPitch, const void* src, size_t srcPitch,
                   size_t rowBytes, size_t rows, CopyKind kind) {
@@ -145,6 +151,12 @@ int driverCopy2D(void* dst, size_t dstPitch, const void* src, size_t srcPitch, s
                  CopyKind kind, bool) {
     return copy2DChecked(HostCall::DriverCopy2D, dst, dstPitch, src, srcPitch, rowBytes, rows, kind);
 }
+// Host copies are done at once; there is nothing to wait for.
+int driverCopy2DAsync(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t rowBytes, size_t rows,
+                      CopyKind kind, CUstream) {
+    return copy2DChecked(HostCall::DriverCopy2D, dst, dstPitch, src, srcPitch, rowBytes, rows, kind);
+}
+int streamSynchronize(CUstream) { return takeFailure(HostCall::StreamSynchronize) ? kInvalidValue : 0; }
 int copy2D(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t rowBytes, size_t rows,
            CopyKind kind) {
     return copy2DChecked(HostCall::Copy2D, dst, dstPitch, src, srcPitch, rowBytes, rows, kind);
@@ -225,7 +237,7 @@ const Api kHostApi = {getCurrentContext, setCurrentContext, pushContext,   popCo
                       synchronize,       allocatePitch,     freePitched,   driverCopy2D,
                       driverErrorName,   allocate,          freeMemory,    copy,
                       copy2D,            fill,              isDevicePointer, launchPacking,
-                      nv12ToBgra};
+                      nv12ToBgra,        driverAllocate,    driverCopy2DAsync, streamSynchronize};
 
 }  // namespace
 

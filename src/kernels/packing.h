@@ -22,6 +22,10 @@ uint32_t packedSize(uint32_t code, uint32_t width, uint32_t height);
 // Bytes of one tight row in the caller's layout (the decode kernels' destination pitch).
 uint32_t tightPitch(uint32_t code, uint32_t width);
 
+// Width of the NV12 picture that carries a w-wide image: 16- and 32-bit samples take 2 and 4
+// luma bytes each, every other code one luma sample a pixel.
+uint32_t pictureWidth(uint32_t code, uint32_t width);
+
 struct LaunchGeometry {
     uint32_t gridX, gridY, blockX, blockY;
 };

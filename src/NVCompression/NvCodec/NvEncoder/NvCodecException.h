@@ -59,6 +59,15 @@ void throwIfCallFailed(Status status, const char* callText, const std::string& f
                   static_cast<int32_t>(status), functionName, fileName, lineNo);
 }
 
+// Throws `E` for a failed CUDA driver call: "CUDA driver API error <the driver's error name>".
+template <typename E>
+void throwIfCudaDriverCallFailed(int result, const char* (*errorName)(int), int32_t code,
+                                 const std::string& functionName, const char* fileName, int lineNo) {
+    if (result == 0) return;
+    throw E::make(std::string("CUDA driver API error ") + errorName(result), code, functionName, fileName,
+                  lineNo);
+}
+
 #define NVENC_THROW_ERROR(text, code) \
     throw NVENCException::make((text), (code), NVCODEC_FUNCTION, __FILE__, __LINE__)
 #define NVDEC_THROW_ERROR(text, code) \

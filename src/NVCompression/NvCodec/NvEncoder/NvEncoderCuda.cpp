@@ -11,27 +11,7 @@
                               NV_ENC_ERR_GENERIC);                                                    \
     } while (0)
 
-namespace {
-
-// Pops the pushed context also when a call in between throws.
-class PushedContext {
-public:
-    explicit PushedContext(bool pushed) : pushed_(pushed) {}
-    ~PushedContext() {
-        if (pushed_) device::api().popContext();
-    }
-    PushedContext(const PushedContext&) = delete;
-    PushedContext& operator=(const PushedContext&) = delete;
-    int pop() {
-        pushed_ = false;
-        return device::api().popContext();
-    }
-
-private:
-    bool pushed_;
-};
-
-}  // namespace
+using device::PushedContext;
 
 NvEncoderCuda::NvEncoderCuda(CUcontext cuContext, uint32_t nWidth, uint32_t nHeight,
                              NV_ENC_BUFFER_FORMAT eBufferFormat, uint32_t nExtraOutputDelay,
