@@ -13,11 +13,6 @@ namespace {
 enum class InterfaceChoice { Undecided, Legacy, Newest };
 std::atomic<InterfaceChoice> interfaceChoice{InterfaceChoice::Undecided};
 
-// NVENC picture width of one row of data: 16- and 32-bit samples take 2 and 4 luma bytes.
-uint32_t pictureWidth(uint32_t dataFormat, uint32_t width) {
-    return dataFormat == packing::kUint16 ? 2 * width : dataFormat == packing::kUint32 ? 4 * width : width;
-}
-
 NV_ENC_BUFFER_FORMAT bufferFormat(uint32_t dataFormat) {
     return dataFormat == packing::kColour32 ? NV_ENC_BUFFER_FORMAT_ARGB : NV_ENC_BUFFER_FORMAT_NV12;
 }
@@ -123,7 +118,7 @@ HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInt
 uint64_t HwEncoder::encode(const void* data, uint64_t pitch, uint32_t width, uint32_t height,
                            uint32_t* pictureType, bool forceIntra) {
     device::api().setCurrentContext(context);
-    setUpSession(pictureWidth(dataFormat, width), height);
+    setUpSession(packing::pictureWidth(dataFormat, width), height);
     // Without a session for this geometry nothing comes out; the exported calls fail the frame.
     if (!encoder || !encoder->IsEncoderCreated()) {
         *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
@@ -162,9 +157,3 @@ uint64_t HwEncoder::collect(uint8_t* out, uint64_t capacity, uint32_t* pictureTy
     }
     return total;
 }
-
-void HwEncoder::appendIndexEntry(uint64_t filePosition, uint32_t frameType) {
-    index.push_back(QrvIndexEntry{filePosition, frameType, 0});
-}
-
-void HwEncoder::writeIndex(FILE* stream) const { qrvWriteIndex(stream, index, encodedFrameCount); }

@@ -22,6 +22,10 @@ uint32_t packedSize(uint32_t code, uint32_t width, uint32_t height);
 // Bytes of one tight row in the caller's layout (the decode kernels' destination pitch).
 uint32_t tightPitch(uint32_t code, uint32_t width);
 
+// Width of the NV12 picture that carries w samples a row: 16- and 32-bit samples take 2 and 4
+// luma bytes.
+uint32_t pictureWidth(uint32_t code, uint32_t width);
+
 struct LaunchGeometry {
     uint32_t gridX, gridY, blockX, blockY;
 };
@@ -60,5 +64,14 @@ void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32
 // Returns the packed size, 0 for an unknown code (nothing launched).
 uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t framePitch, void* out,
                                uint32_t width, uint32_t height, StagingBuffer& staging);
+
+// The software codecs' twins of the two launches, on host memory: code 0 converts BGRA to NV12
+// (and back) with the BT.709 matrix of the decoder's colour conversion, codes 1–5 run the
+// packing kernels' CPU twins. The NV12 chroma plane starts `height` rows below the luma plane.
+// False for an unknown code.
+bool packOnHost(uint32_t code, const void* src, uint32_t srcPitch, uint8_t* frame, uint32_t framePitch,
+                uint32_t width, uint32_t height);
+bool unpackOnHost(uint32_t code, const uint8_t* frame, uint32_t framePitch, void* out, uint32_t width,
+                  uint32_t height);
 
 }  // namespace packing

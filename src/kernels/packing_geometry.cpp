@@ -27,6 +27,10 @@ uint32_t tightPitch(uint32_t code, uint32_t width) {
     }
 }
 
+uint32_t pictureWidth(uint32_t code, uint32_t width) {
+    return code == kUint16 ? 2 * width : code == kUint32 ? 4 * width : width;
+}
+
 LaunchGeometry encodeGeometry(uint32_t width, uint32_t height) {
     return {(width >> 4) + 1, (height >> 1) + 1, 16, 2};
 }

@@ -2,6 +2,7 @@
 
 #include "codec/Exception.h"
 #include "device/device_api.h"
+#include "kernels/colour_reference.h"
 
 namespace packing {
 namespace {
@@ -113,6 +114,33 @@ uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t frameP
     }
     if (staged) api.copy(out, staging.ptr, size, CopyKind::DeviceToHost);
     return size;
+}
+
+bool packOnHost(uint32_t code, const void* src, uint32_t srcPitch, uint8_t* frame, uint32_t framePitch,
+                uint32_t width, uint32_t height) {
+    if (code == kColour32) {
+        Bgra32ToNv12_reference(static_cast<const uint8_t*>(src), static_cast<int>(srcPitch), frame,
+                               static_cast<int>(framePitch), static_cast<int>(width), static_cast<int>(height), 0);
+        return true;
+    }
+    PackingKernel kernel;
+    if (!encodeKernel(code, kernel)) return false;
+    device::runPackingOnHost({kernel, encodeGeometry(width, height), src, srcPitch, frame, framePitch, width, height});
+    return true;
+}
+
+bool unpackOnHost(uint32_t code, const uint8_t* frame, uint32_t framePitch, void* out, uint32_t width,
+                  uint32_t height) {
+    if (code == kColour32) {
+        Nv12ToColor32_reference(frame, static_cast<int>(framePitch), static_cast<uint8_t*>(out),
+                                static_cast<int>(width * 4), static_cast<int>(width), static_cast<int>(height), 0);
+        return true;
+    }
+    PackingKernel kernel;
+    if (!decodeKernel(code, kernel)) return false;
+    device::runPackingOnHost({kernel, decodeGeometry(code, width, height), frame, framePitch, out,
+                              tightPitch(code, width), width, height});
+    return true;
 }
 
 }  // namespace packing
