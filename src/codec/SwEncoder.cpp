@@ -32,7 +32,10 @@ uint32_t nvencPictureType(int sliceType) {
     }
 }
 
-uint32_t roundUpToEven(uint32_t value) { return value + (value & 1); }
+// libx265 takes 4:2:0 pictures of even size and at least one coding tree unit (16 x 16 at
+// the smallest) each way.
+constexpr uint32_t kSmallestCtu = 16;
+uint32_t encodedSize(uint32_t size) { return std::max(kSmallestCtu, size + (size & 1)); }
 
 // The settings of the NVENC path: no look-ahead, B-frames or frame threads, so each frame's
 // access unit leaves in its own call; an IDR with parameter sets every GOP; lossless, or CBR
@@ -41,6 +44,8 @@ bool configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64
                uint32_t height, uint32_t frameRate) {
     if (api.param_default_preset(param, "ultrafast", "zerolatency") < 0) return false;
     param->logLevel = X265_LOG_ERROR;
+    // Pictures smaller than the preset's coding tree unit take the smallest one.
+    if (width < param->maxCUSize || height < param->maxCUSize) param->maxCUSize = kSmallestCtu;
     param->sourceWidth = static_cast<int>(width);
     param->sourceHeight = static_cast<int>(height);
     param->internalCsp = X265_CSP_I420;
@@ -93,7 +98,8 @@ const x265_api* SwEncoder::library() {
 SwEncoder::SwEncoder(uint32_t dataFormat_, uint32_t codec, uint32_t lossless, uint64_t bitrate, uint32_t width_,
                      uint32_t height_, uint32_t frameRate)
     : dataFormat(dataFormat_), width(width_), height(height_), frameWidth(packing::pictureWidth(dataFormat_, width_)),
-      planeWidth(roundUpToEven(frameWidth)), planeHeight(roundUpToEven(height_)) {
+      framePitch(packing::nv12Pitch(frameWidth)),
+      planeWidth(encodedSize(frameWidth)), planeHeight(encodedSize(height_)) {
     constexpr uint32_t kHevc = 1;
     const uint32_t frameBytes = packing::packedSize(dataFormat, width, height);
     if (codec != kHevc || frameBytes == 0 || frameWidth < width) return;
@@ -101,7 +107,7 @@ SwEncoder::SwEncoder(uint32_t dataFormat_, uint32_t codec, uint32_t lossless, ui
     if (!api) return;
     param = api->param_alloc();
     if (!param || !configure(*api, param, lossless, bitrate, planeWidth, planeHeight, frameRate)) return;
-    frame.assign(size_t(frameWidth) * (height + (height + 1) / 2), 0);
+    frame.assign(packing::nv12Bytes(frameWidth, height), 0);
     planes.assign(size_t(planeWidth) * planeHeight * 3 / 2, 0);
     output.resize(size_t(width) * height * 4);
     api->picture_init(param, &input);
@@ -121,25 +127,26 @@ SwEncoder::~SwEncoder() {
 }
 
 void SwEncoder::fillPlanes() {
+    // The padding of small and odd sizes repeats the last column and row, which costs the
+    // fewest bits.
     uint8_t* luma = planes.data();
     for (uint32_t y = 0; y < planeHeight; ++y) {
-        // Odd sizes repeat their last column and row, which costs the fewest bits.
-        const uint8_t* from = frame.data() + size_t(std::min(y, height - 1)) * frameWidth;
+        const uint8_t* from = frame.data() + size_t(std::min(y, height - 1)) * framePitch;
         uint8_t* to = luma + size_t(y) * planeWidth;
         std::memcpy(to, from, frameWidth);
-        if (planeWidth > frameWidth) to[frameWidth] = from[frameWidth - 1];
+        std::memset(to + frameWidth, from[frameWidth - 1], planeWidth - frameWidth);
     }
     const uint32_t chromaWidth = planeWidth / 2, chromaRows = planeHeight / 2;
     uint8_t* cb = luma + size_t(planeWidth) * planeHeight;
     uint8_t* cr = cb + size_t(chromaWidth) * chromaRows;
-    const uint8_t* chroma = frame.data() + size_t(frameWidth) * height;
-    const uint32_t pairs = frameWidth / 2;
+    const uint8_t* chroma = frame.data() + size_t(framePitch) * height;
+    const uint32_t lastPair = (frameWidth - 1) / 2, lastRow = (height - 1) / 2;
     for (uint32_t y = 0; y < chromaRows; ++y) {
-        const uint8_t* from = chroma + size_t(y) * frameWidth;
+        const uint8_t* from = chroma + size_t(std::min(y, lastRow)) * framePitch;
         for (uint32_t x = 0; x < chromaWidth; ++x) {
-            const uint32_t pair = std::min(x, pairs ? pairs - 1 : 0);
-            cb[size_t(y) * chromaWidth + x] = pairs ? from[2 * pair] : 0;
-            cr[size_t(y) * chromaWidth + x] = pairs ? from[2 * pair + 1] : 0;
+            const uint32_t pair = std::min(x, lastPair);
+            cb[size_t(y) * chromaWidth + x] = from[2 * pair];
+            cr[size_t(y) * chromaWidth + x] = from[2 * pair + 1];
         }
     }
 }
@@ -156,7 +163,7 @@ uint64_t SwEncoder::encode(const void* data, uint64_t pitch, uint32_t width_, ui
         data = hostCopy.data();
         pitch = rowBytes;
     }
-    packing::packOnHost(dataFormat, data, static_cast<uint32_t>(pitch), frame.data(), frameWidth, width, height);
+    packing::packOnHost(dataFormat, data, static_cast<uint32_t>(pitch), frame.data(), framePitch, width, height);
     fillPlanes();
 
     input.sliceType = forceIntra ? X265_TYPE_I : X265_TYPE_AUTO;

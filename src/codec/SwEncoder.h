@@ -30,19 +30,20 @@ public:
     static const x265_api* library();
 
 private:
-    // Moves the NV12 frame into the even-sized I420 planes that libx265 takes.
+    // Moves the NV12 frame into the I420 planes of the size libx265 takes.
     void fillPlanes();
 
     uint32_t dataFormat;
     uint32_t width, height;        // of the caller's data
     uint32_t frameWidth;           // NV12 picture width of the data
-    uint32_t planeWidth, planeHeight;  // the encoded picture: the frame rounded up to even
+    uint32_t framePitch;
+    uint32_t planeWidth, planeHeight;  // the encoded picture: the frame, padded
     const x265_api* api = nullptr;
     x265_param* param = nullptr;
     x265_encoder* encoder = nullptr;
     x265_picture input;  // points at `planes`
     std::vector<uint8_t> hostCopy;  // the caller's frame when it lives in device memory
-    std::vector<uint8_t> frame;     // NV12, chroma `height` rows below luma
+    std::vector<uint8_t> frame;     // NV12 at framePitch, chroma `height` rows below luma
     std::vector<uint8_t> planes;    // I420 luma, Cb, Cr
     std::vector<uint8_t> output;
 };

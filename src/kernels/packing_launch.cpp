@@ -143,4 +143,22 @@ bool unpackOnHost(uint32_t code, const uint8_t* frame, uint32_t framePitch, void
     return true;
 }
 
+uint32_t nv12Pitch(uint32_t width) { return width + (width & 1); }
+
+size_t nv12Bytes(uint32_t width, uint32_t height) { return size_t(nv12Pitch(width)) * (height + (height + 1) / 2); }
+
+void nv12FromYuyv(const uint8_t* yuyv, uint32_t width, uint32_t height, uint8_t* nv12) {
+    const size_t pitch = nv12Pitch(width);
+    uint8_t* chroma = nv12 + pitch * height;
+    for (size_t r = 0; r < height; ++r) {
+        const uint8_t* row = yuyv + r * 2 * width;
+        for (size_t x = 0; x < width; ++x) nv12[r * pitch + x] = row[2 * x];
+        if (r % 2) continue;
+        // Pair p is Y U Y V at bytes 4p to 4p + 3.
+        uint8_t* pairs = chroma + r / 2 * pitch;
+        for (size_t x = 0; x < width; ++x) pairs[x] = row[2 * (x & ~size_t(1)) + 1 + 2 * (x & 1)];
+        if (width & 1) pairs[width] = 128;
+    }
+}
+
 }  // namespace packing

@@ -100,28 +100,15 @@ bool writePng(const std::string& path, const uint8_t* pixels, uint32_t width, ui
     return fclose(file.release()) == 0;
 }
 
-// The NV12 picture behind a software pipe's YUYV: luma as is, each chroma pair from the even
-// row that carries it (the odd rows repeat it), the chroma plane `height` rows below.
-void yuyvToNv12(const uint8_t* yuyv, uint32_t width, uint32_t height, std::vector<uint8_t>& nv12) {
-    nv12.assign(size_t(width) * (height + (height + 1) / 2), 128);
-    uint8_t* chroma = nv12.data() + size_t(width) * height;
-    for (size_t r = 0; r < height; ++r) {
-        const uint8_t* row = yuyv + r * 2 * width;
-        for (size_t x = 0; x < width; ++x) nv12[r * width + x] = row[2 * x];
-        if (r % 2 == 0)
-            for (size_t x = 0; x < width; ++x) chroma[r / 2 * width + x] = row[2 * (x & ~size_t(1)) + 1 + 2 * (x & 1)];
-    }
-}
-
 // Writes one decoded frame of data of the kind as the file the command promises.
 bool writeData(const std::string& pathStem, uint32_t kind, const std::vector<uint8_t>& yuyv, uint32_t pictureWidth,
                uint32_t width, uint32_t height, std::string& path) {
     path = pathStem + (kind == packing::kUint32 ? ".bin" : ".png");
     if (kind == packing::kUyvy) return writePng(path, yuyvToRgb(yuyv.data(), width, height).data(), width, height, PNG_COLOR_TYPE_RGB, 8);
-    std::vector<uint8_t> nv12;
-    yuyvToNv12(yuyv.data(), pictureWidth, height, nv12);
+    std::vector<uint8_t> nv12(packing::nv12Bytes(pictureWidth, height));
+    packing::nv12FromYuyv(yuyv.data(), pictureWidth, height, nv12.data());
     std::vector<uint8_t> data(packing::packedSize(kind, width, height), 0);
-    packing::unpackOnHost(kind, nv12.data(), pictureWidth, data.data(), width, height);
+    packing::unpackOnHost(kind, nv12.data(), packing::nv12Pitch(pictureWidth), data.data(), width, height);
     switch (kind) {
     case packing::kColour32: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_RGBA, 8);
     case packing::kUint8: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 8);
