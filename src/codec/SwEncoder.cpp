@@ -37,11 +37,13 @@ uint32_t nvencPictureType(int sliceType) {
 constexpr uint32_t kSmallestCtu = 16;
 uint32_t encodedSize(uint32_t size) { return std::max(kSmallestCtu, size + (size & 1)); }
 
+}  // namespace
+
 // The settings of the NVENC path: no look-ahead, B-frames or frame threads, so each frame's
 // access unit leaves in its own call; an IDR with parameter sets every GOP; lossless, or CBR
 // with a one-frame VBV.
-bool configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64_t bitrate, uint32_t width,
-               uint32_t height, uint32_t frameRate) {
+bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64_t bitrate,
+                          uint32_t width, uint32_t height, uint32_t frameRate) {
     if (api.param_default_preset(param, "ultrafast", "zerolatency") < 0) return false;
     param->logLevel = X265_LOG_ERROR;
     // Pictures smaller than the preset's coding tree unit take the smallest one.
@@ -75,8 +77,6 @@ bool configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64
     }
     return true;
 }
-
-}  // namespace
 
 const x265_api* SwEncoder::library() {
     static const x265_api* const api = [] () -> const x265_api* {

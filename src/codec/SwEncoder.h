@@ -28,6 +28,10 @@ public:
     // libx265's interface, loaded once per process; null when the library is missing or was
     // built for another interface.
     static const x265_api* library();
+    // The settings of a picture of width × height (even, at least 16 each way); false for
+    // settings libx265 cannot take. The benchmark's baseline uses them too.
+    static bool configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64_t bitrate,
+                          uint32_t width, uint32_t height, uint32_t frameRate);
 
 private:
     // Moves the NV12 frame into the I420 planes of the size libx265 takes.
