@@ -27,7 +27,8 @@ trap 'rm -rf "$work"' EXIT
 width=640 height=480 frames=300
 # Probe: one lossless 8-bit frame. Without NVENC the encoder cannot be created.
 head -c $((width * height)) /dev/urandom >"$work/probe.raw"
-if ! "$zoqrv" record "$work/probe.raw" "$work/probe.qrv" 3 $width $height >/dev/null 2>&1; then
+export ZOQRV_ENCODER=nvenc  # the hardware encoder only: libx265 would stand in for it
+if ! "$zoqrv" record --kind u8 --size ${width}x$height --fps 30 --lossless "$work/probe.qrv" "$work/probe.raw" >/dev/null 2>&1; then
   echo "gpu-check: no NVENC encoder here; skipping the recording checks"
   exit 0
 fi
@@ -35,6 +36,7 @@ command -v ffmpeg >/dev/null || { echo "gpu-check: ffmpeg not found" >&2; exit 1
 
 # kind: bytes per sample in the caller's layout ("h" for 4-bit) and NVENC picture width factor
 declare -A sample=([0]=4 [1]=2 [2]=h [3]=1 [4]=2 [5]=4) widen=([0]=1 [1]=1 [2]=1 [3]=1 [4]=2 [5]=4)
+declare -A name=([0]=bgra [1]=uyvy [2]=u4 [3]=u8 [4]=u16 [5]=u32)
 status=0
 for kind in 0 1 2 3 4 5; do
   python3 - "$work/in$kind.raw" "$kind" $width $height $frames <<'PY'
@@ -48,14 +50,17 @@ with open(path, "wb") as f:
         f.write(base[3 * i % size:] + base[:3 * i % size])
 PY
   echo "kind $kind:"
-  "$zoqrv" record "$work/in$kind.raw" "$work/k$kind.qrv" $kind $width $height
+  "$zoqrv" record --kind ${name[$kind]} --size ${width}x$height --fps 30 --lossless "$work/k$kind.qrv" "$work/in$kind.raw"
   "$zoqrv" export "$work/k$kind.qrv" "$work/k$kind.hevc" >/dev/null
   picture_width=$((width * ${widen[$kind]}))
-  ffmpeg -nostdin -hide_banner -loglevel error -y -i "$work/k$kind.hevc" -f rawvideo -pix_fmt gray "$work/k$kind.luma"
+  # 4:2:0 as decoded (a conversion to grey would rescale the luma range); the data is the Y plane.
+  ffmpeg -nostdin -hide_banner -loglevel error -y -i "$work/k$kind.hevc" -f rawvideo -pix_fmt yuv420p "$work/k$kind.yuv"
   if [ "$kind" -ge 2 ]; then
-    python3 - "$work/in$kind.raw" "$work/k$kind.luma" "$kind" $width $height <<'PY' || status=1
+    python3 - "$work/in$kind.raw" "$work/k$kind.yuv" "$kind" $picture_width $height <<'PY' || status=1
 import sys
-raw, luma, kind, w, h = open(sys.argv[1], "rb").read(), open(sys.argv[2], "rb").read(), *map(int, sys.argv[3:])
+raw, yuv, kind, w, h = open(sys.argv[1], "rb").read(), open(sys.argv[2], "rb").read(), *map(int, sys.argv[3:])
+frame = w * h * 3 // 2
+luma = b"".join(yuv[i:i + w * h] for i in range(0, len(yuv), frame))
 if kind == 2:  # two samples a byte, the left one in the low nibble
     raw = bytes(v for b in raw for v in (b & 15, b >> 4))
 ok = raw == luma

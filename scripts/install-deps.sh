@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the main job need (only the missing ones).
 set -euo pipefail
-packages=(cmake g++ pkg-config make libffmpeg-nvenc-dev libde265-dev libpng-dev
+packages=(cmake g++ pkg-config make libffmpeg-nvenc-dev libde265-dev libx265-dev libpng-dev
           libgtest-dev libgmock-dev libavcodec-dev libbenchmark-dev x265 ffmpeg binutils python3)
 missing=()
 for p in "${packages[@]}"; do

@@ -15,6 +15,7 @@ if [ "${1:-}" = "--sanitize" ]; then
            -DZOQRV_CUDA_ARCHITECTURES=75-real)
   # The CUDA runtime maps device memory into the range ASan keeps as its shadow gap.
   export ASAN_OPTIONS="protect_shadow_gap=0:detect_leaks=1:${ASAN_OPTIONS:-}"
+  export LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp:${LSAN_OPTIONS:-}"
   export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:${UBSAN_OPTIONS:-}"
 fi
 

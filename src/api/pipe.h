@@ -7,14 +7,14 @@
 #include <string>
 
 #include "codec/HwDecoder.h"
-#include "codec/HwEncoder.h"
+#include "codec/HwEncoder.h"  // the NVENC encoder, which hosts of the pipe make too
 #include "codec/SwDecoder.h"
 #include "zo_qrv64.h"
 
 // Members are destroyed in reverse order: the mutex, the error text, then the software
 // decoder, the hardware decoder and the encoder.
 struct ZoHwPipe {
-    std::unique_ptr<HwEncoder> encoder;
+    std::unique_ptr<Encoder> encoder;  // NVENC or libx265, as ZOQRV_ENCODER chooses
     std::unique_ptr<HwDecoder> hwDecoder;  // kept even when not ready
     std::unique_ptr<SwDecoder> swDecoder;  // made only when the hardware decoder is not ready
     uint32_t width = 0;

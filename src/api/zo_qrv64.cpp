@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "NVCompression/NvCodec/NvEncoder/NvEncoderCapabilities.h"
+#include "api/encoder_choice.h"
 #include "api/pipe.h"
 #include "codec/Exception.h"
 
@@ -111,15 +112,16 @@ extern "C" {
 ZOHW_API ZoHwPipe* ZOHW_CreateEncoder(uint32_t dataFormat, uint32_t codec, uint32_t lossless,
                                       uint32_t width, uint32_t height, uint64_t bitrate,
                                       uint32_t frameRate) {
+    const char* failure = kEncoderUnsupported;
     std::unique_ptr<ZoHwPipe> pipe(new (std::nothrow) ZoHwPipe());
     if (pipe) {
         pipe->encoder =
-            makeCodecObject<HwEncoder>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
+            createChosenEncoder(dataFormat, codec, lossless, bitrate, width, height, frameRate, &failure);
         pipe->width = width;
         pipe->height = height;
-        if (pipe->encoder && pipe->encoder->isReady()) return pipe.release();
+        if (pipe->encoder) return pipe.release();
     }
-    setLibraryError(kEncoderUnsupported);
+    setLibraryError(failure);
     return nullptr;
 }
 
@@ -161,7 +163,7 @@ ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* 
     uint32_t frameType = 0;
     *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &frameType, false);
     if (*outSize == 0 || !stream) return kFailed;
-    HwEncoder& encoder = *pipe->encoder;
+    Encoder& encoder = *pipe->encoder;
     return failOnExhaustion([&] {
         encoder.appendIndexEntry(static_cast<uint64_t>(qrvTell(stream)), frameType);
         qrvWriteRecord(stream, QrvRecord{encoder.encodedFrames(), timestamp, frameType,

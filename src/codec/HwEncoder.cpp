@@ -157,9 +157,3 @@ uint64_t HwEncoder::collect(uint8_t* out, uint64_t capacity, uint32_t* pictureTy
     }
     return total;
 }
-
-void HwEncoder::appendIndexEntry(uint64_t filePosition, uint32_t frameType) {
-    index.push_back(QrvIndexEntry{filePosition, frameType, 0});
-}
-
-void HwEncoder::writeIndex(FILE* stream) const { qrvWriteIndex(stream, index, encodedFrameCount); }

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "NVCompression/NvCodec/NvEncoder/NvEncoderCuda.h"
-#include "container/qrv_file.h"
+#include "codec/Encoder.h"
 #include "kernels/packing.h"
 
-class HwEncoder {
+class HwEncoder : public Encoder {
 public:
     HwEncoder(uint32_t dataFormat, uint32_t codec, uint32_t lossless, uint64_t bitrate,
               uint32_t width, uint32_t height, uint32_t frameRate);
@@ -19,15 +19,10 @@ public:
     HwEncoder(const HwEncoder&) = delete;
     HwEncoder& operator=(const HwEncoder&) = delete;
 
-    bool isReady() const { return ready; }
-    // Bytes placed in outputBuffer(); 0 when nothing came out. Throws Exception.
+    bool isReady() const override { return ready; }
     uint64_t encode(const void* data, uint64_t pitch, uint32_t width, uint32_t height,
-                    uint32_t* pictureType, bool forceIntra);
-    const uint8_t* outputBuffer() const { return output.data(); }
-    uint32_t encodedFrames() const { return encodedFrameCount; }
-
-    void appendIndexEntry(uint64_t filePosition, uint32_t frameType);
-    void writeIndex(FILE* stream) const;
+                    uint32_t* pictureType, bool forceIntra) override;
+    const uint8_t* outputBuffer() const override { return output.data(); }
 
     // Which NVENC interface the process's driver takes is decided once; this forgets the
     // decision (for a driver that changed, as in tests).
@@ -47,12 +42,10 @@ private:
     uint32_t frameRate;
     uint32_t sessionWidth = 0;
     uint32_t sessionHeight = 0;
-    uint32_t encodedFrameCount = 0;
     bool ready = false;
     std::unique_ptr<NvEncoderCuda> encoder;
     CUcontext context = nullptr;
     packing::StagingBuffer staging;
     std::vector<uint8_t> output;
-    std::vector<QrvIndexEntry> index;
     std::vector<std::vector<uint8_t>> packets;
 };

@@ -62,12 +62,23 @@ void P016ToColorPlanar_reference(const uint8_t* p016, int p016Pitch, uint8_t* bg
                               colour::PlanarWriter<uchar2>{bgrp, bgrpPitch, height});
 }
 
-void Bgra64ToP016_reference(const uint8_t* bgra, int bgraPitch, uint8_t* p016, int p016Pitch,
-                            int width, int height, int colourStandard) {
+template <class YuvUnit, class Rgb>
+void rgbToYuv(const uint8_t* rgb, int rgbPitch, uint8_t* yuv, int yuvPitch, int width, int height,
+              int colourStandard) {
     const ColourMatrix matrix = rgbToYuvMatrix(colourStandard);
     const CodeRange range = codeRange(colourStandard);
     runGrid(width, height, [&](int x, int y) {
-        colour::rgbToYuvBlock<ushort2, BGRA64>(&matrix.m[0][0], range, bgra, bgraPitch, p016, p016Pitch,
-                                               width, height, x, y);
+        colour::rgbToYuvBlock<YuvUnit, Rgb>(&matrix.m[0][0], range, rgb, rgbPitch, yuv, yuvPitch, width,
+                                            height, x, y);
     });
+}
+
+void Bgra64ToP016_reference(const uint8_t* bgra, int bgraPitch, uint8_t* p016, int p016Pitch,
+                            int width, int height, int colourStandard) {
+    rgbToYuv<ushort2, BGRA64>(bgra, bgraPitch, p016, p016Pitch, width, height, colourStandard);
+}
+
+void Bgra32ToNv12_reference(const uint8_t* bgra, int bgraPitch, uint8_t* nv12, int nv12Pitch,
+                            int width, int height, int colourStandard) {
+    rgbToYuv<uchar2, BGRA32>(bgra, bgraPitch, nv12, nv12Pitch, width, height, colourStandard);
 }

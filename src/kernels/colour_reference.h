@@ -18,3 +18,6 @@ void P016ToColorPlanar_reference(const uint8_t* p016, int p016Pitch, uint8_t* bg
                                  int width, int height, int colourStandard);
 void Bgra64ToP016_reference(const uint8_t* bgra, int bgraPitch, uint8_t* p016, int p016Pitch,
                             int width, int height, int colourStandard);
+// BGRA to NV12 with the matrix that Nv12ToColor32 inverts; one chroma pair per 2 × 2 block.
+void Bgra32ToNv12_reference(const uint8_t* bgra, int bgraPitch, uint8_t* nv12, int nv12Pitch,
+                            int width, int height, int colourStandard);

@@ -2,6 +2,7 @@
 // buffers and the launches that the encoder and decoder wrappers make.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace packing {
@@ -64,5 +65,23 @@ void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32
 // Returns the packed size, 0 for an unknown code (nothing launched).
 uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t framePitch, void* out,
                                uint32_t width, uint32_t height, StagingBuffer& staging);
+
+// The software codecs' twins of the two launches, on host memory: code 0 converts BGRA to NV12
+// (and back) with the BT.709 matrix of the decoder's colour conversion, codes 1–5 run the
+// packing kernels' CPU twins. The NV12 chroma plane starts `height` rows below the luma plane.
+// False for an unknown code.
+bool packOnHost(uint32_t code, const void* src, uint32_t srcPitch, uint8_t* frame, uint32_t framePitch,
+                uint32_t width, uint32_t height);
+bool unpackOnHost(uint32_t code, const uint8_t* frame, uint32_t framePitch, void* out, uint32_t width,
+                  uint32_t height);
+
+// The software codecs' NV12 pictures on the host: rows of the width rounded up to even, so
+// that an odd width's last chroma pair has room for its V byte; (h + 1) / 2 chroma rows.
+uint32_t nv12Pitch(uint32_t width);
+size_t nv12Bytes(uint32_t width, uint32_t height);
+// The NV12 picture behind the software decoder's packed YUYV (w × h, 2w bytes a row): luma as
+// is, each chroma pair from the even row that carries it (odd rows repeat it). An odd width's
+// last V, which YUYV does not carry, is 128.
+void nv12FromYuyv(const uint8_t* yuyv, uint32_t width, uint32_t height, uint8_t* nv12);
 
 }  // namespace packing

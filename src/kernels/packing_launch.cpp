@@ -2,6 +2,7 @@
 
 #include "codec/Exception.h"
 #include "device/device_api.h"
+#include "kernels/colour_reference.h"
 
 namespace packing {
 namespace {
@@ -113,6 +114,51 @@ uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t frameP
     }
     if (staged) api.copy(out, staging.ptr, size, CopyKind::DeviceToHost);
     return size;
+}
+
+bool packOnHost(uint32_t code, const void* src, uint32_t srcPitch, uint8_t* frame, uint32_t framePitch,
+                uint32_t width, uint32_t height) {
+    if (code == kColour32) {
+        Bgra32ToNv12_reference(static_cast<const uint8_t*>(src), static_cast<int>(srcPitch), frame,
+                               static_cast<int>(framePitch), static_cast<int>(width), static_cast<int>(height), 0);
+        return true;
+    }
+    PackingKernel kernel;
+    if (!encodeKernel(code, kernel)) return false;
+    device::runPackingOnHost({kernel, encodeGeometry(width, height), src, srcPitch, frame, framePitch, width, height});
+    return true;
+}
+
+bool unpackOnHost(uint32_t code, const uint8_t* frame, uint32_t framePitch, void* out, uint32_t width,
+                  uint32_t height) {
+    if (code == kColour32) {
+        Nv12ToColor32_reference(frame, static_cast<int>(framePitch), static_cast<uint8_t*>(out),
+                                static_cast<int>(width * 4), static_cast<int>(width), static_cast<int>(height), 0);
+        return true;
+    }
+    PackingKernel kernel;
+    if (!decodeKernel(code, kernel)) return false;
+    device::runPackingOnHost({kernel, decodeGeometry(code, width, height), frame, framePitch, out,
+                              tightPitch(code, width), width, height});
+    return true;
+}
+
+uint32_t nv12Pitch(uint32_t width) { return width + (width & 1); }
+
+size_t nv12Bytes(uint32_t width, uint32_t height) { return size_t(nv12Pitch(width)) * (height + (height + 1) / 2); }
+
+void nv12FromYuyv(const uint8_t* yuyv, uint32_t width, uint32_t height, uint8_t* nv12) {
+    const size_t pitch = nv12Pitch(width);
+    uint8_t* chroma = nv12 + pitch * height;
+    for (size_t r = 0; r < height; ++r) {
+        const uint8_t* row = yuyv + r * 2 * width;
+        for (size_t x = 0; x < width; ++x) nv12[r * pitch + x] = row[2 * x];
+        if (r % 2) continue;
+        // Pair p is Y U Y V at bytes 4p to 4p + 3.
+        uint8_t* pairs = chroma + r / 2 * pitch;
+        for (size_t x = 0; x < width; ++x) pairs[x] = row[2 * (x & ~size_t(1)) + 1 + 2 * (x & 1)];
+        if (width & 1) pairs[width] = 128;
+    }
 }
 
 }  // namespace packing

@@ -1,5 +1,7 @@
 // zoqrv extract: decodes HEVC records through the library's C interface and writes each
-// picture as a PNG, with a line per frame.
+// picture as a PNG, with a line per frame. With a data kind (--as, or the file's recording
+// header) it writes the data itself: 16-bit grey PNG for u16, 8-bit grey for u8 and u4 (4-bit
+// samples times 17), raw little-endian .bin for u32, colour PNG for bgra and uyvy.
 #include <libde265/de265.h>
 #include <png.h>
 
@@ -13,11 +15,13 @@
 
 #include "commands.h"
 #include "container/qrv_file.h"
+#include "kernels/packing.h"
+#include "recording_header.h"
 #include "zo_qrv64.h"
 
 namespace {
 
-constexpr const char* kUsage = "extract FILE --out DIR [--from S] [--count K]";
+constexpr const char* kUsage = "extract FILE --out DIR [--from S] [--count K] [--as bgra|uyvy|u4|u8|u16|u32]";
 constexpr uint32_t kUyvy = 1;  // the data format whose frames are 2 * w * h bytes
 constexpr uint32_t kHevc = 1;
 constexpr uint32_t kSoftwareDecoder = 2;
@@ -73,13 +77,55 @@ std::vector<uint8_t> yuyvToRgb(const uint8_t* yuyv, uint32_t width, uint32_t hei
     return rgb;
 }
 
-bool writePng(const std::string& path, const std::vector<uint8_t>& rgb, uint32_t width, uint32_t height) {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = width;
-    image.height = height;
-    image.format = PNG_FORMAT_RGB;
-    return png_image_write_to_file(&image, path.c_str(), 0, rgb.data(), int(width) * 3, nullptr) != 0;
+bool writePng(const std::string& path, const uint8_t* pixels, uint32_t width, uint32_t height, int colourType,
+              int bitDepth) {
+    File file = openFile(path, "wb");
+    if (!file) return false;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    if (!info || setjmp(png_jmpbuf(png))) {
+        png_destroy_write_struct(&png, &info);
+        return false;
+    }
+    png_init_io(png, file.get());
+    png_set_IHDR(png, info, width, height, bitDepth, colourType, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(png, info);
+    if (bitDepth == 16) png_set_swap(png);       // samples lie little-endian in memory
+    if (colourType == PNG_COLOR_TYPE_RGBA) png_set_bgr(png);  // the library's BGRA
+    const size_t rowBytes = png_get_rowbytes(png, info);
+    for (uint32_t y = 0; y < height; ++y) png_write_row(png, pixels + y * rowBytes);
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+    return fclose(file.release()) == 0;
+}
+
+// Writes one decoded frame of data of the kind as the file the command promises.
+bool writeData(const std::string& pathStem, uint32_t kind, const std::vector<uint8_t>& yuyv, uint32_t pictureWidth,
+               uint32_t width, uint32_t height, std::string& path) {
+    path = pathStem + (kind == packing::kUint32 ? ".bin" : ".png");
+    if (kind == packing::kUyvy) return writePng(path, yuyvToRgb(yuyv.data(), width, height).data(), width, height, PNG_COLOR_TYPE_RGB, 8);
+    std::vector<uint8_t> nv12(packing::nv12Bytes(pictureWidth, height));
+    packing::nv12FromYuyv(yuyv.data(), pictureWidth, height, nv12.data());
+    std::vector<uint8_t> data(packing::packedSize(kind, width, height), 0);
+    packing::unpackOnHost(kind, nv12.data(), packing::nv12Pitch(pictureWidth), data.data(), width, height);
+    switch (kind) {
+    case packing::kColour32: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_RGBA, 8);
+    case packing::kUint8: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 8);
+    case packing::kUint16: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 16);
+    case packing::kUint4: {
+        const uint32_t pitch = packing::tightPitch(kind, width);
+        std::vector<uint8_t> grey(size_t(width) * height);
+        for (size_t y = 0; y < height; ++y)
+            for (size_t x = 0; x < width; ++x)  // the left sample in the low nibble
+                grey[y * width + x] = uint8_t((data[y * pitch + x / 2] >> (4 * (x & 1)) & 15) * 17);
+        return writePng(path, grey.data(), width, height, PNG_COLOR_TYPE_GRAY, 8);
+    }
+    default: {
+        File file = openFile(path, "wb");
+        return file && fwrite(data.data(), 1, data.size(), file.get()) == data.size() && fclose(file.release()) == 0;
+    }
+    }
 }
 
 bool parseCount(const std::string& text, int32_t& value) {
@@ -99,11 +145,13 @@ bool parseCount(const std::string& text, int32_t& value) {
 int runExtract(const Arguments& args) {
     std::string input, outDir;
     int32_t from = 0, count = -1;
+    std::string kindText;
     for (size_t i = 0; i < args.size(); ++i) {
         const bool hasValue = i + 1 < args.size();
         if (args[i] == "--out" && hasValue) outDir = args[++i];
         else if (args[i] == "--from" && hasValue) { if (!parseCount(args[++i], from)) return usage(kUsage); }
         else if (args[i] == "--count" && hasValue) { if (!parseCount(args[++i], count)) return usage(kUsage); }
+        else if (args[i] == "--as" && hasValue) kindText = args[++i];
         else if (input.empty() && args[i].rfind("--", 0) != 0) input = args[i];
         else return usage(kUsage);
     }
@@ -117,8 +165,27 @@ int runExtract(const Arguments& args) {
     if (!probePictureSize(file.get(), tables, size))
         return fail(input + ": no HEVC picture in the first key frame");
 
+    // The data's kind and size: --as, else the recording header; the picture is then the
+    // one that carries that data. Without either, the picture is written as it is.
+    RecordingHeader header;
+    const bool described = readRecordingHeader(file.get(), tables, header);
+    uint32_t kind = kUyvy;
+    const bool asData = !kindText.empty() || described;
+    if (!kindText.empty() && !kindFromName(kindText, kind)) return usage(kUsage);
+    if (kindText.empty() && described) kind = header.kind;
+    uint32_t width = size.width, height = size.height;
+    if (described && header.width && header.height) {
+        width = header.width;
+        height = header.height;
+    } else if (asData) {
+        width = size.width / (packing::pictureWidth(kind, 1));
+    }
+    if (asData && packing::packedSize(kind, width, height) == 0) return fail(input + ": no data of kind " + kindName(kind) + " in its pictures");
+    const uint32_t pictureWidth = asData ? packing::pictureWidth(kind, width) : size.width;
+    if (pictureWidth > size.width || height > size.height)
+        return fail(input + ": its pictures are smaller than the recorded data");
     std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe(
-        ZOHW_CreateDecoder(kUyvy, kHevc, size.width, size.height, 0), &ZOHW_Destroy);
+        ZOHW_CreateDecoder(kUyvy, kHevc, pictureWidth, height, 0), &ZOHW_Destroy);
     if (!pipe) return fail(ZOHW_GetError(nullptr));
     // Software pipes deliver YUYV pictures; a GPU pipe would unpack UYVY data instead.
     if (ZOHW_GetDecoderType(pipe.get()) != kSoftwareDecoder)
@@ -137,9 +204,10 @@ int runExtract(const Arguments& args) {
     std::error_code ec;
     std::filesystem::create_directories(outDir, ec);
     if (ec) return fail("cannot create " + outDir + ": " + ec.message());
-    printf("%s: %ux%u, records %d to %d\n", input.c_str(), size.width, size.height, from, last - 1);
+    printf("%s: %ux%u%s%s, records %d to %d\n", input.c_str(), width, height, asData ? " " : "",
+           asData ? kindName(kind) : "", from, last - 1);
 
-    std::vector<uint8_t> frame(size_t(size.width) * size.height * 2);
+    std::vector<uint8_t> frame(size_t(pictureWidth) * height * 2);
     uint8_t metadata[256];
     for (int32_t record = from; record < last; ++record) {
         uint32_t frameNumber = 0, frameType = 0;
@@ -148,10 +216,13 @@ int runExtract(const Arguments& args) {
                                         &captureTime, &frameType, metadata) != 0)
             return fail("record " + std::to_string(record) + " did not decode");
         char name[32];
-        snprintf(name, sizeof name, "frame_%06u.png", frameNumber);
-        const std::string path = (std::filesystem::path(outDir) / name).string();
-        if (!writePng(path, yuyvToRgb(frame.data(), size.width, size.height), size.width, size.height))
-            return fail("cannot write " + path);
+        snprintf(name, sizeof name, "frame_%06u", frameNumber);
+        const std::string stem = (std::filesystem::path(outDir) / name).string();
+        std::string path = stem + ".png";
+        const bool written = asData ? writeData(stem, kind, frame, pictureWidth, width, height, path)
+                                    : writePng(path, yuyvToRgb(frame.data(), width, height).data(), width, height,
+                                               PNG_COLOR_TYPE_RGB, 8);
+        if (!written) return fail("cannot write " + path);
         printf("frame %u  capture time %llu  type %u  %s\n", frameNumber,
                static_cast<unsigned long long>(captureTime), frameType, path.c_str());
     }

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "container/annexb.h"
 #include "container/qrv_file.h"
+#include "recording_header.h"
 
 namespace {
 
@@ -82,6 +83,10 @@ int runInfo(const Arguments& args) {
     const uint64_t last = tables.recordHeads.back().captureTime;
     printf("capture times: %" PRIu64 " to %" PRIu64 " (span %" PRId64 ")\n", first, last, int64_t(last - first));
     printf("codec: %s\n", annexBCodecName(codec));
+    RecordingHeader header;
+    if (readRecordingHeader(file.get(), tables, header))
+        printf("header: kind %s, %" PRIu32 "x%" PRIu32 ", %" PRIu32 " frames/s, codec %s\n", kindName(header.kind),
+               header.width, header.height, header.frameRate, header.codec == 1 ? "HEVC" : header.codec == 0 ? "H.264" : "unknown");
     if (records) printRecords(file.get(), tables);
     return metadataSample.empty() ? 0 : printMetadata(tables, metadataSample);
 }

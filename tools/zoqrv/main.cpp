@@ -17,8 +17,8 @@ const Command kCommands[] = {
     {"info", runInfo, "info FILE [--records] [--metadata S]   frame count, records, key frames, codec"},
     {"import", runImport, "import STREAM FILE [--fps F] [--header BYTES]   wrap an H.264/HEVC Annex-B stream"},
     {"export", runExport, "export FILE STREAM   write the records' payloads as an elementary stream"},
-    {"record", runRecord, "record RAW FILE KIND WIDTH HEIGHT [--lossy BITRATE]   encode raw frames with NVENC (HEVC)"},
-    {"extract", runExtract, "extract FILE --out DIR [--from S] [--count K]   decode HEVC records to PNG pictures"},
+    {"record", runRecord, "record --kind K --size WxH --fps N [--lossless] [--bitrate B] OUT.qrv [IN]   encode raw frames (HEVC)"},
+    {"extract", runExtract, "extract FILE --out DIR [--from S] [--count K] [--as KIND]   decode HEVC records to PNG (or .bin) files"},
 };
 
 int printUsage() {

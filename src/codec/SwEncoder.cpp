@@ -1,0 +1,186 @@
+#include "codec/SwEncoder.h"
+
+#include <dlfcn.h>
+#include <ffnvcodec/nvEncodeAPI.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "codec/Exception.h"
+#include "device/device_api.h"
+#include "kernels/packing.h"
+
+namespace {
+
+#define ZOQRV_TEXT(x) #x
+#define ZOQRV_EXPAND_TEXT(x) ZOQRV_TEXT(x)
+// The soname and entry point of the interface x265.h describes (x265_api_get is a macro that
+// appends the build number).
+constexpr const char kLibraryName[] = "libx265.so." ZOQRV_EXPAND_TEXT(X265_BUILD);
+constexpr const char kEntryPoint[] = "x265_api_get_" ZOQRV_EXPAND_TEXT(X265_BUILD);
+#undef ZOQRV_EXPAND_TEXT
+#undef ZOQRV_TEXT
+
+// NVENC's picture types, so that files from either encoder carry the same frame types.
+uint32_t nvencPictureType(int sliceType) {
+    switch (sliceType) {
+    case X265_TYPE_IDR: return NV_ENC_PIC_TYPE_IDR;
+    case X265_TYPE_I: return NV_ENC_PIC_TYPE_I;
+    case X265_TYPE_P: return NV_ENC_PIC_TYPE_P;
+    default: return NV_ENC_PIC_TYPE_B;  // never asked for: B-frames are off
+    }
+}
+
+// libx265 takes 4:2:0 pictures of even size and at least one coding tree unit (16 x 16 at
+// the smallest) each way.
+constexpr uint32_t kSmallestCtu = 16;
+uint32_t encodedSize(uint32_t size) { return std::max(kSmallestCtu, size + (size & 1)); }
+
+}  // namespace
+
+// The settings of the NVENC path: no look-ahead, B-frames or frame threads, so each frame's
+// access unit leaves in its own call; an IDR with parameter sets every GOP; lossless, or CBR
+// with a one-frame VBV.
+bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64_t bitrate,
+                          uint32_t width, uint32_t height, uint32_t frameRate) {
+    if (api.param_default_preset(param, "ultrafast", "zerolatency") < 0) return false;
+    param->logLevel = X265_LOG_ERROR;
+    // Pictures smaller than the preset's coding tree unit take the smallest one.
+    if (width < param->maxCUSize || height < param->maxCUSize) param->maxCUSize = kSmallestCtu;
+    param->sourceWidth = static_cast<int>(width);
+    param->sourceHeight = static_cast<int>(height);
+    param->internalCsp = X265_CSP_I420;
+    param->fpsNum = frameRate;
+    param->fpsDenom = 1;
+    param->bframes = 0;
+    param->lookaheadDepth = 0;
+    param->frameNumThreads = 1;
+    param->scenecutThreshold = 0;
+    param->bOpenGOP = 0;
+    // GOP as on NVENC: a second of frames, half of it lossless. A frame rate of 1 lossless
+    // would give 0, which libx265 does not take: every frame is then an IDR.
+    const int gop = std::max<int>(1, static_cast<int>(lossless == 1 ? frameRate >> 1 : frameRate));
+    param->keyframeMax = param->keyframeMin = gop;
+    param->bRepeatHeaders = 1;
+    param->bAnnexB = 1;
+    param->bEmitInfoSEI = 0;
+    param->bLossless = lossless == 1;
+    if (lossless != 1) {
+        if (frameRate == 0) return false;
+        const uint64_t kilobits = bitrate / 1000;
+        if (kilobits == 0 || kilobits > INT32_MAX) return false;
+        param->rc.rateControlMode = X265_RC_ABR;
+        param->rc.bitrate = param->rc.vbvMaxBitrate = static_cast<int>(kilobits);
+        param->rc.vbvBufferSize = std::max<int>(1, static_cast<int>(kilobits / frameRate));
+        param->rc.bStrictCbr = 1;
+    }
+    return true;
+}
+
+const x265_api* SwEncoder::library() {
+    static const x265_api* const api = [] () -> const x265_api* {
+        // Kept loaded for the life of the process: encoders may be made at any time.
+        void* handle = dlopen(kLibraryName, RTLD_NOW | RTLD_LOCAL);
+        if (!handle) return nullptr;
+        using Get = const x265_api* (*)(int);
+        auto get = reinterpret_cast<Get>(dlsym(handle, kEntryPoint));
+        const x265_api* found = get ? get(8) : nullptr;
+        if (!found || found->api_major_version != X265_MAJOR_VERSION ||
+            found->sizeof_param != static_cast<int>(sizeof(x265_param)) ||
+            found->sizeof_picture != static_cast<int>(sizeof(x265_picture)))
+            return nullptr;
+        return found;
+    }();
+    return api;
+}
+
+SwEncoder::SwEncoder(uint32_t dataFormat_, uint32_t codec, uint32_t lossless, uint64_t bitrate, uint32_t width_,
+                     uint32_t height_, uint32_t frameRate)
+    : dataFormat(dataFormat_), width(width_), height(height_), frameWidth(packing::pictureWidth(dataFormat_, width_)),
+      framePitch(packing::nv12Pitch(frameWidth)),
+      planeWidth(encodedSize(frameWidth)), planeHeight(encodedSize(height_)) {
+    constexpr uint32_t kHevc = 1;
+    const uint32_t frameBytes = packing::packedSize(dataFormat, width, height);
+    if (codec != kHevc || frameBytes == 0 || frameWidth < width) return;
+    api = library();
+    if (!api) return;
+    param = api->param_alloc();
+    if (!param || !configure(*api, param, lossless, bitrate, planeWidth, planeHeight, frameRate)) return;
+    frame.assign(packing::nv12Bytes(frameWidth, height), 0);
+    planes.assign(size_t(planeWidth) * planeHeight * 3 / 2, 0);
+    output.resize(size_t(width) * height * 4);
+    api->picture_init(param, &input);
+    input.colorSpace = X265_CSP_I420;
+    input.bitDepth = 8;
+    input.planes[0] = planes.data();
+    input.planes[1] = planes.data() + size_t(planeWidth) * planeHeight;
+    input.planes[2] = static_cast<uint8_t*>(input.planes[1]) + size_t(planeWidth / 2) * (planeHeight / 2);
+    input.stride[0] = static_cast<int>(planeWidth);
+    input.stride[1] = input.stride[2] = static_cast<int>(planeWidth / 2);
+    encoder = api->encoder_open(param);
+}
+
+SwEncoder::~SwEncoder() {
+    if (encoder) api->encoder_close(encoder);
+    if (param) api->param_free(param);
+}
+
+void SwEncoder::fillPlanes() {
+    // The padding of small and odd sizes repeats the last column and row, which costs the
+    // fewest bits.
+    uint8_t* luma = planes.data();
+    for (uint32_t y = 0; y < planeHeight; ++y) {
+        const uint8_t* from = frame.data() + size_t(std::min(y, height - 1)) * framePitch;
+        uint8_t* to = luma + size_t(y) * planeWidth;
+        std::memcpy(to, from, frameWidth);
+        std::memset(to + frameWidth, from[frameWidth - 1], planeWidth - frameWidth);
+    }
+    const uint32_t chromaWidth = planeWidth / 2, chromaRows = planeHeight / 2;
+    uint8_t* cb = luma + size_t(planeWidth) * planeHeight;
+    uint8_t* cr = cb + size_t(chromaWidth) * chromaRows;
+    const uint8_t* chroma = frame.data() + size_t(framePitch) * height;
+    const uint32_t lastPair = (frameWidth - 1) / 2, lastRow = (height - 1) / 2;
+    for (uint32_t y = 0; y < chromaRows; ++y) {
+        const uint8_t* from = chroma + size_t(std::min(y, lastRow)) * framePitch;
+        for (uint32_t x = 0; x < chromaWidth; ++x) {
+            const uint32_t pair = std::min(x, lastPair);
+            cb[size_t(y) * chromaWidth + x] = from[2 * pair];
+            cr[size_t(y) * chromaWidth + x] = from[2 * pair + 1];
+        }
+    }
+}
+
+uint64_t SwEncoder::encode(const void* data, uint64_t pitch, uint32_t width_, uint32_t height_,
+                           uint32_t* pictureType, bool forceIntra) {
+    *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
+    if (!encoder || width_ != width || height_ != height || !data) return 0;
+    const device::Api& device = device::api();
+    if (device.isDevicePointer(data)) {
+        const uint32_t rowBytes = packing::tightPitch(dataFormat, width);
+        hostCopy.resize(size_t(rowBytes) * height);
+        device.copy2D(hostCopy.data(), rowBytes, data, pitch, rowBytes, height, device::CopyKind::DeviceToHost);
+        data = hostCopy.data();
+        pitch = rowBytes;
+    }
+    packing::packOnHost(dataFormat, data, static_cast<uint32_t>(pitch), frame.data(), framePitch, width, height);
+    fillPlanes();
+
+    input.sliceType = forceIntra ? X265_TYPE_I : X265_TYPE_AUTO;
+    x265_picture encoded;
+    x265_nal* nals = nullptr;
+    uint32_t nalCount = 0;
+    if (api->encoder_encode(encoder, &nals, &nalCount, &input, &encoded) < 0)
+        throw Exception("Encode failed (libx265 refused the picture)");
+    uint64_t total = 0;
+    for (uint32_t i = 0; i < nalCount; ++i) {
+        if (total + nals[i].sizeBytes > output.size()) throw Exception("Encode output buffer overflow");
+        std::memcpy(output.data() + total, nals[i].payload, nals[i].sizeBytes);
+        total += nals[i].sizeBytes;
+    }
+    if (total) {
+        *pictureType = nvencPictureType(encoded.sliceType);
+        ++encodedFrameCount;
+    }
+    return total;
+}
