@@ -2,7 +2,8 @@
 # Installs the Debian packages the build, the tests and the main job need (only the missing ones).
 set -euo pipefail
 packages=(cmake g++ pkg-config make libffmpeg-nvenc-dev libde265-dev libx265-dev libpng-dev
-          libgtest-dev libgmock-dev libavcodec-dev libbenchmark-dev x265 ffmpeg binutils python3)
+          libgtest-dev libgmock-dev libavcodec-dev libbenchmark-dev x265 ffmpeg binutils python3
+          dpkg-dev pybind11-dev python3-numpy python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

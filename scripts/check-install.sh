@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Uses an already built tree as another project would: installs it into a temporary prefix,
+# checks what was installed, builds the consumer program with find_package and with
+# pkg-config and runs both (recording with libx265), makes the .deb and checks its files and
+# dependencies, and runs the Python module's tests when the tree built it.
+#
+#   scripts/check-install.sh [BUILD_DIR]    (default: build)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=$(realpath "${1:-build}")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+export ZOQRV_ENCODER=x265
+
+fail() { echo "check-install: $*" >&2; exit 1; }
+
+cmake --build "$build" -j"$(nproc)"  # nothing to do after scripts/test.sh
+cmake --install "$build" --prefix "$prefix" >/dev/null
+libdir=$(dirname "$(find "$prefix" -name 'libzo_qrv64.so.1')")
+for path in "$libdir/libzo_qrv64.so" "$prefix/include/zo_qrv64.h" "$prefix/bin/zoqrv" \
+            "$libdir/cmake/zo_qrv64/zo_qrv64Config.cmake" "$libdir/pkgconfig/zo_qrv64.pc"; do
+  [ -e "$path" ] || fail "not installed: ${path#"$prefix"/}"
+done
+unexpected=$(find "$prefix" \( -name '*.a' -o -name 'test_*' -o -name 'bench_*' \))
+[ -z "$unexpected" ] || fail "installed but internal: $unexpected"
+readelf -d "$libdir/libzo_qrv64.so.1" | grep -q 'SONAME.*\[libzo_qrv64\.so\.1\]' || fail "soname is not libzo_qrv64.so.1"
+
+# The consumer, built both ways, records and plays back.
+cmake -S tests/consumer -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cmake-consumer" >/dev/null
+"$work/cmake-consumer/consumer" "$work/cmake.qrv"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+cc -std=c99 -Wall -Werror -o "$work/pc-consumer" tests/consumer/consumer.c \
+  $(pkg-config --cflags --libs zo_qrv64) -Wl,-rpath,"$(pkg-config --variable=libdir zo_qrv64)"
+"$work/pc-consumer" "$work/pc.qrv"
+"$prefix/bin/zoqrv" info "$work/pc.qrv" | grep -q . || fail "zoqrv info printed nothing"
+
+# The package: its files, and a Depends line that covers every library its binaries need.
+cpack --config "$build/CPackConfig.cmake" -B "$work/package" >"$work/cpack.log" 2>&1 ||
+  { cat "$work/cpack.log"; fail "cpack failed"; }
+deb=$(ls "$work"/package/*.deb)
+dpkg-deb -c "$deb" | awk '{print $6}' > "$work/files"
+for pattern in '/usr/lib/.*libzo_qrv64\.so\.1$' '/usr/include/zo_qrv64\.h$' '/usr/bin/zoqrv$' \
+               '/usr/lib/.*cmake/zo_qrv64/zo_qrv64Config\.cmake$' '/usr/lib/.*pkgconfig/zo_qrv64\.pc$'; do
+  grep -q "$pattern" "$work/files" || fail "$(basename "$deb") lacks $pattern"
+done
+! grep -Eq '\.a$|/test_|/bench_|python' "$work/files" || fail "$(basename "$deb") carries internal files"
+depends=$(dpkg-deb -f "$deb" Depends)
+echo "package $(basename "$deb"): Depends: $depends"
+! grep -Eiq 'x265|cuda|nvidia' <<<"$depends" || fail "the driver, CUDA and libx265 must not be dependencies"
+depended=$(sed 's/ ([^)]*)//g; s/ *| */\n/g; s/, /\n/g' <<<"$depends")  # package names, one a line
+dpkg-deb -x "$deb" "$work/root"
+for binary in "$work/root/usr/bin/zoqrv" "$(find "$work/root" -name 'libzo_qrv64.so.1')"; do
+  for needed in $(readelf -d "$binary" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p'); do
+    path=$(ldd "$binary" | awk -v lib="$needed" '{n = split($1, p, "/")} p[n] == lib {print $2 == "=>" ? $3 : $1}')
+    # Merged /usr: dpkg knows a library under one of its two names.
+    owner=$({ dpkg -S "$path" || dpkg -S "$(realpath "$path")"; } 2>/dev/null | grep -m1 -o '^[^:]*') ||
+      fail "no package provides $needed"
+    grep -qxF "$owner" <<<"$depended" || fail "$needed comes from $owner, not a dependency"
+  done
+done
+"$work/root/usr/bin/zoqrv" info "$work/cmake.qrv" >/dev/null || fail "the packaged zoqrv does not run"
+
+if [ -d "$prefix/python" ]; then
+  PYTHONPATH=$prefix/python /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/python
+fi
+echo "check-install: install, both consumers and the package are as they should be"
