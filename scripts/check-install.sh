@@ -62,7 +62,10 @@ for binary in "$work/root/usr/bin/zoqrv" "$(find "$work/root" -name 'libzo_qrv64
 done
 "$work/root/usr/bin/zoqrv" info "$work/cmake.qrv" >/dev/null || fail "the packaged zoqrv does not run"
 
-if [ -d "$prefix/python" ]; then
-  PYTHONPATH=$prefix/python /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/python
+# The Python module, where the tree built it; Debian's numpy and pytest belong to /usr/bin/python3.
+if [ -d "$build/python" ]; then
+  cmake --install "$build" --prefix "$prefix" --component python >/dev/null
+  module=$(find "$prefix" -name 'zoqrv.*.so')
+  PYTHONPATH=$(dirname "$module") /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/python
 fi
-echo "check-install: install, both consumers and the package are as they should be"
+echo "check-install: the install, both consumers, the package and the Python module work"

@@ -1,5 +1,7 @@
 #include "kernels/packing.h"
 
+#include <vector>
+
 #include "codec/Exception.h"
 #include "device/device_api.h"
 #include "kernels/colour_reference.h"
@@ -159,6 +161,13 @@ void nv12FromYuyv(const uint8_t* yuyv, uint32_t width, uint32_t height, uint8_t*
         for (size_t x = 0; x < width; ++x) pairs[x] = row[2 * (x & ~size_t(1)) + 1 + 2 * (x & 1)];
         if (width & 1) pairs[width] = 128;
     }
+}
+
+bool unpackYuyvOnHost(uint32_t code, const uint8_t* yuyv, uint32_t pictureWidth, void* out, uint32_t width,
+                      uint32_t height) {
+    std::vector<uint8_t> nv12(nv12Bytes(pictureWidth, height));
+    nv12FromYuyv(yuyv, pictureWidth, height, nv12.data());
+    return unpackOnHost(code, nv12.data(), nv12Pitch(pictureWidth), out, width, height);
 }
 
 }  // namespace packing

@@ -105,10 +105,8 @@ bool writeData(const std::string& pathStem, uint32_t kind, const std::vector<uin
                uint32_t width, uint32_t height, std::string& path) {
     path = pathStem + (kind == packing::kUint32 ? ".bin" : ".png");
     if (kind == packing::kUyvy) return writePng(path, yuyvToRgb(yuyv.data(), width, height).data(), width, height, PNG_COLOR_TYPE_RGB, 8);
-    std::vector<uint8_t> nv12(packing::nv12Bytes(pictureWidth, height));
-    packing::nv12FromYuyv(yuyv.data(), pictureWidth, height, nv12.data());
     std::vector<uint8_t> data(packing::packedSize(kind, width, height), 0);
-    packing::unpackOnHost(kind, nv12.data(), packing::nv12Pitch(pictureWidth), data.data(), width, height);
+    packing::unpackYuyvOnHost(kind, yuyv.data(), pictureWidth, data.data(), width, height);
     switch (kind) {
     case packing::kColour32: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_RGBA, 8);
     case packing::kUint8: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 8);
