@@ -164,6 +164,13 @@ public:
         ZOHW_CreateQRVContainer(pipe.get(), file.get(), header.data(), int32_t(header.size()));
     }
 
+    // A recorder dropped without close() still leaves a readable file.
+    ~Recorder() {
+        if (file) ZOHW_CloseQRVContainer(pipe.get(), file.get());
+    }
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
     void write(const py::array& frame, uint64_t timestamp, std::optional<py::array_t<uint32_t>> metadata) {
         if (!file) throw std::runtime_error("the recorder is closed");
         const py::array expected = emptyFrame(kind, width, height);
