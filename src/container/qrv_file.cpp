@@ -1,5 +1,6 @@
 #include "container/qrv_file.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -16,6 +17,8 @@ constexpr uint64_t kSampleInfoBytes = sizeof(QrvSampleInfo);
 // frameNumber, captureTime, frameType, payloadBytes.
 constexpr uint64_t kRecordHeadBytes = 20;
 constexpr uint64_t kTrailerBytes = 4;
+// The least room one record takes in a file: its head, its sample info and its index entry.
+constexpr uint64_t kLeastRecordFileBytes = kRecordHeadBytes + kSampleInfoBytes + sizeof(QrvIndexEntry);
 
 bool readExact(FILE* stream, void* destination, size_t bytes) {
     return fread(destination, 1, bytes, stream) == bytes;
@@ -76,6 +79,13 @@ bool readTrailer(FILE* stream, int64_t& size, uint32_t& frameCount) {
            readExact(stream, &frameCount, 4);
 }
 
+// The most records a file of `size` bytes can hold. A table with one entry per record never
+// grows beyond it: an index whose entries all point at the same few records would otherwise
+// have the readers allocate a 264-byte sample info for every 16 bytes of file.
+size_t recordCapacity(int64_t size) {
+    return size > int64_t(kTrailerBytes) ? size_t((uint64_t(size) - kTrailerBytes) / kLeastRecordFileBytes) : 0;
+}
+
 // Reads `count` index entries, which end at the trailer. The distance of the index from the
 // end is held in a signed 32-bit integer, as this format has always been read, so an index of
 // 2 GiB or more is out of reach. An index that cannot fit in the file fails at once rather
@@ -94,17 +104,21 @@ bool readIndexEntries(FILE* stream, int64_t size, uint32_t count, std::vector<Qr
 
 // Entry i of the index gives where record i - 1 ends, so table position k receives the info
 // of record k; the last record has no following entry and gets none here. Unreadable infos
-// are skipped.
-void readSampleInfos(FILE* stream, int64_t size, const std::vector<QrvIndexEntry>& index,
+// are skipped. False when the table would hold more infos than the file can hold records.
+bool readSampleInfos(FILE* stream, int64_t size, const std::vector<QrvIndexEntry>& index,
                      uint32_t count, std::vector<QrvSampleInfo>& infos) {
-    if (count > 1) infos.reserve(count - 1);
+    const size_t capacity = recordCapacity(size);
+    // Room for N infos: the software reader appends the last record's after these.
+    infos.reserve(std::min<size_t>(count, capacity));
     for (uint32_t i = 1; i < count; ++i) {
         const uint64_t recordEnd = qrvAt(index, i).recordOffset;
         QrvSampleInfo info;
-        if (recordEnd >= kSampleInfoBytes &&
-            readAt(stream, size, recordEnd - kSampleInfoBytes, &info, sizeof info))
-            infos.push_back(info);
+        if (recordEnd < kSampleInfoBytes || !readAt(stream, size, recordEnd - kSampleInfoBytes, &info, sizeof info))
+            continue;
+        if (infos.size() == capacity) return false;
+        infos.push_back(info);
     }
+    return true;
 }
 
 // Seeks to a record whose head lies within the file.
@@ -186,7 +200,11 @@ bool QrvHardwareReader::readIndex(FILE* stream) {
     if (!readTrailer(stream, size, frameCount_)) frameCount_ = 0;
     if (frameCount_ == 0 || !readIndexEntries(stream, size, frameCount_, index_)) return false;
     // The table deliberately stops at N - 1 infos: the last record's info is never served here.
-    readSampleInfos(stream, size, index_, frameCount_, sampleInfos_);
+    if (!readSampleInfos(stream, size, index_, frameCount_, sampleInfos_)) {
+        index_ = {};
+        sampleInfos_ = {};
+        return false;
+    }
     return qrvSeek(stream, 0, SEEK_SET) == 0;
 }
 
@@ -288,7 +306,9 @@ bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables) {
     read.sampleCount = count;
     if (!readIndexEntries(stream, size, trailer, read.frameList)) return false;
     // The record heads answer every sample lookup of the software decoder, so a record that
-    // lies outside the file makes the whole index unusable.
+    // lies outside the file makes the whole index unusable; so does an index with more
+    // entries than the file can hold records.
+    if (read.frameList.size() > recordCapacity(size)) return false;
     read.recordHeads.reserve(read.frameList.size());
     for (const QrvIndexEntry& entry : read.frameList) {
         QrvRecordHead head;
@@ -296,7 +316,7 @@ bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables) {
         if (!readRecordHeadAt(stream, size, entry.recordOffset, head, payloadBytes)) return false;
         read.recordHeads.push_back(head);
     }
-    readSampleInfos(stream, size, read.frameList, trailer, read.sampleInfos);
+    if (!readSampleInfos(stream, size, read.frameList, trailer, read.sampleInfos)) return false;
 
     // The last record's metadata ends where the index begins. Its time is not read from the
     // file: the head's captureTime / 1000 is what the writer stored there.
