@@ -1,8 +1,108 @@
-// The readers on files that try to make them allocate far more than the file holds.
+// How the readers fetch the bytes of a file: a regular file is read by offset in large pieces,
+// an in-memory stream through the stream. Both give the same tables, on real recordings and on
+// damaged ones, and no index makes a reader hold much more than the file.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "container/qrv_file.h"
+#include "support/hevc_streams.h"
 #include "support/qrv_builder.h"
+#include "support/test_streams.h"
+
+namespace {
+
+template <typename T>
+void appendTable(std::vector<uint8_t>& out, const std::vector<T>& table) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(table.data());
+    out.insert(out.end(), bytes, bytes + table.size() * sizeof(T));
+}
+
+// Both readers' results, every table byte and where each left the stream.
+std::vector<uint8_t> readBoth(FILE* stream) {
+    QrvHardwareReader hardware;
+    QrvSoftwareIndex software;
+    std::vector<uint8_t> out = {uint8_t(hardware.readIndex(stream))};
+    appendTable(out, std::vector<int64_t>{ftello(stream), hardware.frameCount()});
+    out.push_back(uint8_t(qrvReadSoftwareIndex(stream, software)));
+    appendTable(out, std::vector<int64_t>{ftello(stream), software.sampleCount});
+    appendTable(out, hardware.index());
+    appendTable(out, hardware.sampleInfos());
+    appendTable(out, software.frameList);
+    appendTable(out, software.recordHeads);
+    appendTable(out, software.sampleInfos);
+    return out;
+}
+
+std::vector<uint8_t> readFromMemory(std::vector<uint8_t> bytes) {
+    QrvTestFile memory(fmemopen(bytes.data(), bytes.size(), "rb"));
+    return readBoth(memory.get());
+}
+
+void patch(std::vector<uint8_t>& bytes, size_t at, uint64_t value, size_t width) {
+    if (at + width <= bytes.size()) memcpy(bytes.data() + at, &value, width);
+}
+
+// A recording, and damaged copies of it: cut short, index entries pointing elsewhere or out
+// of order, a wrong trailer.
+std::vector<std::vector<uint8_t>> damagedCopies(const std::vector<uint8_t>& whole) {
+    uint32_t n = 0;
+    memcpy(&n, whole.data() + whole.size() - 4, 4);
+    const size_t index = whole.size() - 4 - size_t(n) * 16;
+    std::vector<std::vector<uint8_t>> copies(12, whole);
+    copies[1].resize(whole.size() - 1);
+    copies[2].resize(whole.size() / 2);
+    copies[3].resize(index + 10);
+    patch(copies[4], index + 16, 0, 8);                                  // before any record
+    patch(copies[5], index + 16 * (n / 2), whole.size(), 8);             // at the end
+    patch(copies[6], index + 16 * (n / 2), (uint64_t(1) << 63) + 5, 8);  // far outside
+    patch(copies[7], index + 16 * 2, 300, 8);                            // inside a record
+    std::swap_ranges(copies[8].begin() + long(index + 16), copies[8].begin() + long(index + 32),
+                     copies[8].begin() + long(index + 16 * (n - 1)));
+    patch(copies[9], whole.size() - 4, n - 1, 4);
+    patch(copies[10], whole.size() - 4, n + 3, 4);
+    for (size_t e = 0; e < n; ++e) patch(copies[11], index + 16 * e, 16, 8);  // all at one place
+    return copies;
+}
+
+}  // namespace
+
+TEST(QrvReading, RegularFilesAndStreamsGiveTheSameTables) {
+    HEVC_STREAMS_OR_SKIP(streams, "tests");
+    for (const HevcStream& s : streams) {
+        const auto copies = damagedCopies(readFileBytes(s.qrvPath));
+        for (size_t c = 0; c < copies.size(); ++c)
+            EXPECT_EQ(readBoth(qrvOpenBytes(copies[c]).get()), readFromMemory(copies[c])) << s.name << " copy " << c;
+    }
+}
+
+TEST(QrvReading, TablesAcrossLargeAndSparseRecords) {
+    // Runs of small records longer than one read, and records of 600 KB: records close
+    // together share a read, records far apart do not.
+    QrvBuilder builder(std::vector<uint8_t>(7, 0xEE));
+    const uint32_t n = 4000;
+    std::vector<QrvIndexEntry> index;
+    std::vector<QrvRecordHead> heads;
+    std::vector<QrvSampleInfo> infos;
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint32_t type = i % 3 == 0 ? kKeyFrameType : 1;
+        builder.addRecord(i + 1, 5000 + i * 1000, type, std::vector<uint8_t>(i % 1500 ? 500 + i % 97 : 600000, 1));
+        index.push_back({builder.recordOffset(i), type, 0});
+        heads.push_back({i + 1, type, 5000 + i * 1000});
+        infos.push_back(qrvTestSampleInfo(5000 + i * 1000, qrvTestMetadata(i)));
+    }
+    std::vector<uint8_t> expected = {1};
+    appendTable(expected, std::vector<int64_t>{0, n});
+    expected.push_back(1);
+    appendTable(expected, std::vector<int64_t>{0, n});
+    appendTable(expected, index);
+    appendTable(expected, std::vector<QrvSampleInfo>(infos.begin(), infos.end() - 1));  // N - 1 here
+    appendTable(expected, index);
+    appendTable(expected, heads);
+    appendTable(expected, infos);
+    EXPECT_EQ(readBoth(qrvOpenBytes(builder.bytes()).get()), expected);
+    EXPECT_EQ(readFromMemory(builder.bytes()), expected);
+}
 
 TEST(QrvReading, IndexPointingManyEntriesAtOneRecordIsRefused) {
     // Each 16-byte entry would cost a 264-byte sample info (and a head): tables many times
