@@ -79,20 +79,22 @@ void decodeHead(const uint8_t* raw, QrvRecordHead& head, uint32_t& payloadBytes)
     decodeHeadTail(raw + 4, head, payloadBytes);
 }
 
-bool readHeadTail(FILE* stream, QrvRecordHead& head, uint32_t& payloadBytes) {
-    uint8_t raw[kRecordHeadBytes - 4];
-    if (!readExact(stream, raw, sizeof raw)) return false;
-    decodeHeadTail(raw, head, payloadBytes);
-    return true;
-}
+enum class HeadRead { Refused, Short, Read };
 
-// Reads a record's frameNumber. A missing one, or one above `highest`, is refused and the
-// stream is stepped back to where it stood.
-bool readFrameNumber(FILE* stream, int64_t highest, uint32_t& frameNumber) {
-    const int64_t start = qrvTell(stream);
-    if (readExact(stream, &frameNumber, 4) && int64_t(frameNumber) <= highest) return true;
-    qrvSeek(stream, start, SEEK_SET);
-    return false;
+// Reads a record's head in one piece. A missing frameNumber, or one above `highest`, is
+// refused and the stream is stepped back to where it stood; the step is relative, so that a
+// walk over a file asks the system for its position only when it refuses a record.
+HeadRead readHead(FILE* stream, int64_t highest, QrvRecordHead& head, uint32_t& payloadBytes) {
+    uint8_t raw[kRecordHeadBytes];
+    const size_t got = fread(raw, 1, sizeof raw, stream);
+    memcpy(&head.frameNumber, raw, std::min<size_t>(got, 4));
+    if (got < 4 || int64_t(head.frameNumber) > highest) {
+        qrvSeek(stream, -int64_t(got), SEEK_CUR);
+        return HeadRead::Refused;
+    }
+    if (got < sizeof raw) return HeadRead::Short;
+    decodeHeadTail(raw + 4, head, payloadBytes);
+    return HeadRead::Read;
 }
 
 // Reads the trailer; nothing else can be read from a file without one.
@@ -287,12 +289,14 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
                                                                const QrvDecodeStep& decode) {
     // Without an index there is no record to accept.
     if (index_.empty()) return RecordOutcome::Refused;
+    uint32_t payloadBytes = 0;
     // Frame numbers count from 1, so this also refuses the last record of a file; files have
     // always been read this way.
-    if (!readFrameNumber(stream, int64_t(uint32_t(frameCount_ - 1)), head.frameNumber))
-        return RecordOutcome::Refused;
-    uint32_t payloadBytes = 0;
-    if (!readHeadTail(stream, head, payloadBytes)) return RecordOutcome::NotDecoded;
+    switch (readHead(stream, int64_t(uint32_t(frameCount_ - 1)), head, payloadBytes)) {
+        case HeadRead::Refused: return RecordOutcome::Refused;
+        case HeadRead::Short: return RecordOutcome::NotDecoded;
+        case HeadRead::Read: break;
+    }
     if ((payloadBytes > payloadBuffer_.size() || payloadBuffer_.empty()) &&
         !growPayloadBuffer(width, height)) {
         // A frame number beyond the index (the trailer may claim more records than it lists)
@@ -392,16 +396,18 @@ bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables) {
 
 bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, size_t capacity,
                            QrvSoftwareRecord& record) {
-    if (!readFrameNumber(stream, sampleCount, record.head.frameNumber)) return false;
-    if (!readHeadTail(stream, record.head, record.payloadBytes)) return false;
+    if (readHead(stream, sampleCount, record.head, record.payloadBytes) != HeadRead::Read) return false;
     const bool fits = record.payloadBytes <= capacity;
     size_t payloadRead = 0;
     if (fits)
         payloadRead = fread(payload, 1, record.payloadBytes, stream);
     else
         qrvSeek(stream, int64_t(record.payloadBytes), SEEK_CUR);
-    readExact(stream, &record.sampleTime, sizeof record.sampleTime);
-    readExact(stream, record.metadata, kMetadataBytes);
+    // sampleTime and the metadata, unchecked, in one read.
+    uint8_t info[kSampleInfoBytes];
+    const size_t infoRead = fread(info, 1, sizeof info, stream);
+    memcpy(&record.sampleTime, info, std::min<size_t>(infoRead, 8));
+    if (infoRead > 8) memcpy(record.metadata, info + 8, infoRead - 8);
     return fits && payloadRead >= 1;
 }
 
