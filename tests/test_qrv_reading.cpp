@@ -57,8 +57,8 @@ std::vector<std::vector<uint8_t>> damagedCopies(const std::vector<uint8_t>& whol
     patch(copies[5], index + 16 * (n / 2), whole.size(), 8);             // at the end
     patch(copies[6], index + 16 * (n / 2), (uint64_t(1) << 63) + 5, 8);  // far outside
     patch(copies[7], index + 16 * 2, 300, 8);                            // inside a record
-    std::swap_ranges(copies[8].begin() + long(index + 16), copies[8].begin() + long(index + 32),
-                     copies[8].begin() + long(index + 16 * (n - 1)));
+    std::swap_ranges(copies[8].begin() + long(index), copies[8].begin() + long(index + 16),
+                     copies[8].begin() + long(index + 16 * (n - 1)));  // first and last
     patch(copies[9], whole.size() - 4, n - 1, 4);
     patch(copies[10], whole.size() - 4, n + 3, 4);
     for (size_t e = 0; e < n; ++e) patch(copies[11], index + 16 * e, 16, 8);  // all at one place
