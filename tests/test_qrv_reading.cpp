@@ -22,10 +22,10 @@ void appendTable(std::vector<uint8_t>& out, const std::vector<T>& table) {
 std::vector<uint8_t> readBoth(FILE* stream) {
     QrvHardwareReader hardware;
     QrvSoftwareIndex software;
-    std::vector<uint8_t> out = {uint8_t(hardware.readIndex(stream))};
-    appendTable(out, std::vector<int64_t>{ftello(stream), hardware.frameCount()});
-    out.push_back(uint8_t(qrvReadSoftwareIndex(stream, software)));
-    appendTable(out, std::vector<int64_t>{ftello(stream), software.sampleCount});
+    std::vector<uint8_t> out;
+    // A braced list is evaluated left to right.
+    appendTable(out, std::vector<int64_t>{hardware.readIndex(stream), ftello(stream), hardware.frameCount(),
+                                          qrvReadSoftwareIndex(stream, software), ftello(stream), software.sampleCount});
     appendTable(out, hardware.index());
     appendTable(out, hardware.sampleInfos());
     appendTable(out, software.frameList);
@@ -35,8 +35,7 @@ std::vector<uint8_t> readBoth(FILE* stream) {
 }
 
 std::vector<uint8_t> readFromMemory(std::vector<uint8_t> bytes) {
-    QrvTestFile memory(fmemopen(bytes.data(), bytes.size(), "rb"));
-    return readBoth(memory.get());
+    return readBoth(QrvTestFile(fmemopen(bytes.data(), bytes.size(), "rb")).get());
 }
 
 void patch(std::vector<uint8_t>& bytes, size_t at, uint64_t value, size_t width) {
@@ -59,7 +58,7 @@ std::vector<std::vector<uint8_t>> damagedCopies(const std::vector<uint8_t>& whol
     patch(copies[7], index + 16 * 2, 300, 8);                            // inside a record
     std::swap_ranges(copies[8].begin() + long(index), copies[8].begin() + long(index + 16),
                      copies[8].begin() + long(index + 16 * (n - 1)));  // first and last
-    patch(copies[9], whole.size() - 4, n - 1, 4);
+    patch(copies[9], whole.size() - 4, n - 1, 4);  // trailers that lie
     patch(copies[10], whole.size() - 4, n + 3, 4);
     for (size_t e = 0; e < n; ++e) patch(copies[11], index + 16 * e, 16, 8);  // all at one place
     return copies;
@@ -83,7 +82,7 @@ TEST(QrvReading, TablesAcrossLargeAndSparseRecords) {
     const uint32_t n = 4000;
     std::vector<QrvIndexEntry> index;
     std::vector<QrvRecordHead> heads;
-    std::vector<QrvSampleInfo> infos;
+    std::vector<QrvSampleInfo> infos;  // the builder's, made independently of the writer
     for (uint32_t i = 0; i < n; ++i) {
         const uint32_t type = i % 3 == 0 ? kKeyFrameType : 1;
         builder.addRecord(i + 1, 5000 + i * 1000, type, std::vector<uint8_t>(i % 1500 ? 500 + i % 97 : 600000, 1));
@@ -91,10 +90,8 @@ TEST(QrvReading, TablesAcrossLargeAndSparseRecords) {
         heads.push_back({i + 1, type, 5000 + i * 1000});
         infos.push_back(qrvTestSampleInfo(5000 + i * 1000, qrvTestMetadata(i)));
     }
-    std::vector<uint8_t> expected = {1};
-    appendTable(expected, std::vector<int64_t>{0, n});
-    expected.push_back(1);
-    appendTable(expected, std::vector<int64_t>{0, n});
+    std::vector<uint8_t> expected;
+    appendTable(expected, std::vector<int64_t>{true, 0, n, true, 0, n});
     appendTable(expected, index);
     appendTable(expected, std::vector<QrvSampleInfo>(infos.begin(), infos.end() - 1));  // N - 1 here
     appendTable(expected, index);
@@ -105,22 +102,19 @@ TEST(QrvReading, TablesAcrossLargeAndSparseRecords) {
 }
 
 TEST(QrvReading, IndexPointingManyEntriesAtOneRecordIsRefused) {
-    // Each 16-byte entry would cost a 264-byte sample info (and a head): tables many times
-    // the file's size. Every record takes at least 300 bytes of a file, so no table may hold
-    // more entries than that allows.
+    // Each 16-byte entry would cost a 264-byte sample info (and a head). Every record takes
+    // at least 300 bytes of a file, so no table may hold more entries than that allows.
     for (uint32_t entries : {2u, 4096u}) {
         QrvBuilder builder(std::vector<uint8_t>(300, 0xEE));
         builder.addRecord(1, 1000, kKeyFrameType, {1, 2, 3});
         builder.omitIndex();
         std::vector<uint8_t> bytes = builder.bytes();
-        for (uint32_t e = 0; e < entries; ++e) {
-            const uint8_t entry[16] = {44, 1};  // the record's offset, 300
-            bytes.insert(bytes.end(), entry, entry + 16);
-        }
-        bytes.insert(bytes.end(), reinterpret_cast<uint8_t*>(&entries), reinterpret_cast<uint8_t*>(&entries) + 4);
+        bytes.resize(bytes.size() + entries * 16 + 4);
+        for (uint32_t e = 0; e < entries; ++e) patch(bytes, bytes.size() - 4 - 16 * (e + 1), 300, 8);  // the record
+        patch(bytes, bytes.size() - 4, entries, 4);
         QrvTestFile file = qrvOpenBytes(bytes);
         QrvHardwareReader hardware;
-        QrvSoftwareIndex software;
+        QrvSoftwareIndex software;  // (2 entries fit, 4096 do not)
         const bool fits = entries * 300 + 4 <= bytes.size();
         EXPECT_EQ(hardware.readIndex(file.get()), fits) << entries;
         EXPECT_EQ(qrvReadSoftwareIndex(file.get(), software), fits) << entries;
