@@ -1,9 +1,17 @@
 #include "container/qrv_file.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
+
+#include "container/file_ranges.h"
+
+#ifndef _WIN32
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
 
 // Records, index entries and sample infos are read and written as raw blocks.
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
@@ -16,6 +24,8 @@ constexpr uint64_t kSampleInfoBytes = sizeof(QrvSampleInfo);
 // frameNumber, captureTime, frameType, payloadBytes.
 constexpr uint64_t kRecordHeadBytes = 20;
 constexpr uint64_t kTrailerBytes = 4;
+// The least room one record takes in a file: its head, its sample info and its index entry.
+constexpr uint64_t kLeastRecordFileBytes = kRecordHeadBytes + kSampleInfoBytes + sizeof(QrvIndexEntry);
 
 bool readExact(FILE* stream, void* destination, size_t bytes) {
     return fread(destination, 1, bytes, stream) == bytes;
@@ -27,12 +37,30 @@ int64_t fileSize(FILE* stream) {
     return qrvTell(stream);
 }
 
-// Offsets come from the file and are not trusted: a range outside the file is refused
-// instead of becoming a negative seek or a read from wherever the stream stands.
-bool rangeInFile(int64_t size, uint64_t offset, uint64_t bytes) {
-    return size >= 0 && offset <= uint64_t(size) && bytes <= uint64_t(size) - offset;
+// Reserves room for `count` entries and has the system map all of it at once, in large pages
+// where it can. Filling a table of hundreds of megabytes page by page costs a fault and a TLB
+// miss every 4 KiB, which on some machines (virtual ones especially) takes several times as
+// long as reading the whole file. Both requests are hints: where they fail, the pages are
+// mapped as they are first written.
+template <typename T>
+void reserveTable(std::vector<T>& table, size_t count) {
+    table.reserve(count);
+#ifndef _WIN32
+    const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    const uintptr_t begin = (uintptr_t(table.data()) + page - 1) & ~(page - 1);
+    const uintptr_t end = uintptr_t(table.data() + table.capacity()) & ~(page - 1);
+    if (end <= begin) return;
+#ifdef MADV_HUGEPAGE
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#endif
+#ifdef MADV_POPULATE_WRITE
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
+#endif
+#endif
 }
 
+// Offsets come from the file and are not trusted: a range outside the file is refused
+// instead of becoming a negative seek or a read from wherever the stream stands.
 bool readAt(FILE* stream, int64_t size, uint64_t offset, void* destination, size_t bytes) {
     return rangeInFile(size, offset, bytes) && qrvSeek(stream, int64_t(offset), SEEK_SET) == 0 &&
            readExact(stream, destination, bytes);
@@ -45,66 +73,113 @@ void decodeHeadTail(const uint8_t* raw, QrvRecordHead& head, uint32_t& payloadBy
     memcpy(&payloadBytes, raw + 12, 4);
 }
 
-bool readHeadTail(FILE* stream, QrvRecordHead& head, uint32_t& payloadBytes) {
-    uint8_t raw[kRecordHeadBytes - 4];
-    if (!readExact(stream, raw, sizeof raw)) return false;
-    decodeHeadTail(raw, head, payloadBytes);
-    return true;
-}
-
-bool readRecordHeadAt(FILE* stream, int64_t size, uint64_t offset, QrvRecordHead& head,
-                      uint32_t& payloadBytes) {
-    uint8_t raw[kRecordHeadBytes];
-    if (!readAt(stream, size, offset, raw, sizeof raw)) return false;
+// The 20 bytes of a record's head.
+void decodeHead(const uint8_t* raw, QrvRecordHead& head, uint32_t& payloadBytes) {
     memcpy(&head.frameNumber, raw, 4);
     decodeHeadTail(raw + 4, head, payloadBytes);
-    return true;
 }
 
-// Reads a record's frameNumber. A missing one, or one above `highest`, is refused and the
-// stream is stepped back to where it stood.
-bool readFrameNumber(FILE* stream, int64_t highest, uint32_t& frameNumber) {
-    const int64_t start = qrvTell(stream);
-    if (readExact(stream, &frameNumber, 4) && int64_t(frameNumber) <= highest) return true;
-    qrvSeek(stream, start, SEEK_SET);
-    return false;
+enum class HeadRead { Refused, Short, Read };
+
+// Reads a record's head in one piece. A missing frameNumber, or one above `highest`, is
+// refused and the stream is stepped back to where it stood; the step is relative, so that a
+// walk over a file asks the system for its position only when it refuses a record.
+HeadRead readHead(FILE* stream, int64_t highest, QrvRecordHead& head, uint32_t& payloadBytes) {
+    uint8_t raw[kRecordHeadBytes];
+    const size_t got = fread(raw, 1, sizeof raw, stream);
+    memcpy(&head.frameNumber, raw, std::min<size_t>(got, 4));
+    if (got < 4 || int64_t(head.frameNumber) > highest) {
+        qrvSeek(stream, -int64_t(got), SEEK_CUR);
+        return HeadRead::Refused;
+    }
+    if (got < sizeof raw) return HeadRead::Short;
+    decodeHeadTail(raw + 4, head, payloadBytes);
+    return HeadRead::Read;
 }
 
-bool readTrailer(FILE* stream, int64_t& size, uint32_t& frameCount) {
-    size = fileSize(stream);
-    return size >= int64_t(kTrailerBytes) && qrvSeek(stream, size - int64_t(kTrailerBytes), SEEK_SET) == 0 &&
-           readExact(stream, &frameCount, 4);
+// Reads the trailer; nothing else can be read from a file without one.
+bool readTrailer(const FileBytes& file, uint32_t& frameCount) {
+    return file.size() >= int64_t(kTrailerBytes) &&
+           file.read(uint64_t(file.size()) - kTrailerBytes, &frameCount, 4) == 4;
 }
 
-// Reads `count` index entries, which end at the trailer. The distance of the index from the
-// end is held in a signed 32-bit integer, as this format has always been read, so an index of
-// 2 GiB or more is out of reach. An index that cannot fit in the file fails at once rather
-// than costing `count` reads and allocations.
-bool readIndexEntries(FILE* stream, int64_t size, uint32_t count, std::vector<QrvIndexEntry>& index) {
+// The most records a file of `size` bytes can hold. A table with one entry per record never
+// grows beyond it: an index whose entries all point at the same few records would otherwise
+// have the readers allocate a 264-byte sample info for every 16 bytes of file.
+size_t recordCapacity(int64_t size) {
+    return size > int64_t(kTrailerBytes) ? size_t((uint64_t(size) - kTrailerBytes) / kLeastRecordFileBytes) : 0;
+}
+
+// Reads `count` index entries, which end at the trailer, in one piece. The distance of the
+// index from the end is held in a signed 32-bit integer, as this format has always been read,
+// so an index of 2 GiB or more is out of reach. An index that cannot fit in the file fails at
+// once rather than costing `count` reads and allocations.
+bool readIndexEntries(const FileBytes& file, uint32_t count, std::vector<QrvIndexEntry>& index) {
     const double distance = double(count) * sizeof(QrvIndexEntry) + kTrailerBytes;
-    if (distance > INT32_MAX || distance > double(size)) return false;
-    if (qrvSeek(stream, -int64_t(int32_t(distance)), SEEK_END) != 0) return false;
-    index.reserve(count);
-    for (uint32_t i = 0; i < count; ++i) {
-        QrvIndexEntry entry;
-        if (readExact(stream, &entry, sizeof entry)) index.push_back(entry);  // short reads are skipped
+    if (distance > INT32_MAX || distance > double(file.size())) return false;
+    reserveTable(index, count);
+    index.resize(count);
+    const size_t got = file.read(uint64_t(file.size()) - uint64_t(int32_t(distance)), index.data(),
+                                 count * sizeof(QrvIndexEntry));
+    index.resize(got / sizeof(QrvIndexEntry));  // entries cut short are skipped
+    return true;
+}
+
+// The sample info that ends where an index entry's record begins.
+FileRange sampleInfoBefore(const QrvIndexEntry& entry) {
+    return entry.recordOffset >= kSampleInfoBytes ? FileRange{entry.recordOffset - kSampleInfoBytes, kSampleInfoBytes}
+                                                  : kNoFileRange;
+}
+
+// Reads the sample infos of an index and, when `heads` is given, the head of every record,
+// in one pass over the file. Entry i of the index gives where record i - 1 ends, so table
+// position k receives the info of record k; the last record has no following entry and gets
+// none here. Unreadable infos are skipped; an unreadable head fails the read. So does a table
+// that would hold more entries than the file can hold records.
+bool readRecordTables(const FileBytes& file, const std::vector<QrvIndexEntry>& index, uint32_t count,
+                      std::vector<QrvSampleInfo>& infos, std::vector<QrvRecordHead>* heads) {
+    const size_t capacity = recordCapacity(file.size());
+    if (heads && index.size() > capacity) return false;
+    // Room for N infos: the software reader appends the last record's after this.
+    reserveTable(infos, std::min<size_t>(count, capacity));
+    if (heads) reserveTable(*heads, index.size());
+    // Range 2k is the head of record k when heads are read, range 2k + 1 (or k alone) its info.
+    const size_t stride = heads ? 2 : 1;
+    FileRangeReader ranges(file, size_t(count) * stride, [&](size_t j) {
+        const size_t record = j / stride;
+        if (heads && j % 2 == 0)
+            return record < index.size() ? FileRange{index[record].recordOffset, kRecordHeadBytes} : kNoFileRange;
+        return record + 1 < index.size() ? sampleInfoBefore(index[record + 1]) : kNoFileRange;
+    });
+    for (size_t record = 0; record < count; ++record) {
+        if (heads && record < index.size()) {
+            const uint8_t* raw = ranges.at(record * stride);
+            if (!raw) return false;
+            QrvRecordHead head;
+            uint32_t payloadBytes = 0;
+            decodeHead(raw, head, payloadBytes);
+            heads->push_back(head);
+        }
+        if (record + 1 == count) break;
+        qrvAt(index, record + 1);  // an index cut short has no entry here
+        const uint8_t* info = ranges.at(record * stride + stride - 1);
+        if (!info) continue;
+        if (infos.size() == capacity) return false;
+        QrvSampleInfo copy;
+        memcpy(&copy, info, sizeof copy);
+        infos.push_back(copy);
     }
     return true;
 }
 
-// Entry i of the index gives where record i - 1 ends, so table position k receives the info
-// of record k; the last record has no following entry and gets none here. Unreadable infos
-// are skipped.
-void readSampleInfos(FILE* stream, int64_t size, const std::vector<QrvIndexEntry>& index,
-                     uint32_t count, std::vector<QrvSampleInfo>& infos) {
-    if (count > 1) infos.reserve(count - 1);
-    for (uint32_t i = 1; i < count; ++i) {
-        const uint64_t recordEnd = qrvAt(index, i).recordOffset;
-        QrvSampleInfo info;
-        if (recordEnd >= kSampleInfoBytes &&
-            readAt(stream, size, recordEnd - kSampleInfoBytes, &info, sizeof info))
-            infos.push_back(info);
+// Where the index readers leave the stream: at the start of the file after a successful
+// read, after the trailer otherwise.
+bool finishIndexRead(FILE* stream, bool read) {
+    if (!read) {
+        qrvSeek(stream, 0, SEEK_END);
+        return false;
     }
+    return qrvSeek(stream, 0, SEEK_SET) == 0;
 }
 
 // Seeks to a record whose head lies within the file.
@@ -182,12 +257,16 @@ int32_t qrvKeyFrameAtOrBefore(const std::vector<QrvIndexEntry>& index, int32_t s
 bool QrvHardwareReader::readIndex(FILE* stream) {
     index_.clear();
     sampleInfos_.clear();
-    int64_t size = 0;
-    if (!readTrailer(stream, size, frameCount_)) frameCount_ = 0;
-    if (frameCount_ == 0 || !readIndexEntries(stream, size, frameCount_, index_)) return false;
+    const FileBytes file(stream);
+    if (!readTrailer(file, frameCount_)) frameCount_ = 0;
     // The table deliberately stops at N - 1 infos: the last record's info is never served here.
-    readSampleInfos(stream, size, index_, frameCount_, sampleInfos_);
-    return qrvSeek(stream, 0, SEEK_SET) == 0;
+    if (frameCount_ == 0 || !readIndexEntries(file, frameCount_, index_) ||
+        !readRecordTables(file, index_, frameCount_, sampleInfos_, nullptr)) {
+        index_ = {};
+        sampleInfos_ = {};
+        return finishIndexRead(stream, false);
+    }
+    return finishIndexRead(stream, true);
 }
 
 bool QrvHardwareReader::growPayloadBuffer(uint32_t width, uint32_t height) {
@@ -210,12 +289,14 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
                                                                const QrvDecodeStep& decode) {
     // Without an index there is no record to accept.
     if (index_.empty()) return RecordOutcome::Refused;
+    uint32_t payloadBytes = 0;
     // Frame numbers count from 1, so this also refuses the last record of a file; files have
     // always been read this way.
-    if (!readFrameNumber(stream, int64_t(uint32_t(frameCount_ - 1)), head.frameNumber))
-        return RecordOutcome::Refused;
-    uint32_t payloadBytes = 0;
-    if (!readHeadTail(stream, head, payloadBytes)) return RecordOutcome::NotDecoded;
+    switch (readHead(stream, int64_t(uint32_t(frameCount_ - 1)), head, payloadBytes)) {
+        case HeadRead::Refused: return RecordOutcome::Refused;
+        case HeadRead::Short: return RecordOutcome::NotDecoded;
+        case HeadRead::Read: break;
+    }
     if ((payloadBytes > payloadBuffer_.size() || payloadBuffer_.empty()) &&
         !growPayloadBuffer(width, height)) {
         // A frame number beyond the index (the trailer may claim more records than it lists)
@@ -276,53 +357,57 @@ bool QrvHardwareReader::seekToSample(FILE* stream, int32_t sample, uint32_t widt
 
 // ---- Software reader --------------------------------------------------------------
 
-bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables) {
-    tables = QrvSoftwareIndex{};
-    int64_t size = 0;
-    uint32_t trailer = 0;
-    if (!readTrailer(stream, size, trailer)) return false;
-    const int32_t count = int32_t(trailer);
-    if (count < 1) return false;
+namespace {
 
-    QrvSoftwareIndex read;
-    read.sampleCount = count;
-    if (!readIndexEntries(stream, size, trailer, read.frameList)) return false;
+bool readSoftwareIndex(const FileBytes& file, QrvSoftwareIndex& read) {
+    uint32_t trailer = 0;
+    if (!readTrailer(file, trailer)) return false;
+    read.sampleCount = int32_t(trailer);
+    if (read.sampleCount < 1 || !readIndexEntries(file, trailer, read.frameList)) return false;
     // The record heads answer every sample lookup of the software decoder, so a record that
     // lies outside the file makes the whole index unusable.
-    read.recordHeads.reserve(read.frameList.size());
-    for (const QrvIndexEntry& entry : read.frameList) {
-        QrvRecordHead head;
-        uint32_t payloadBytes = 0;
-        if (!readRecordHeadAt(stream, size, entry.recordOffset, head, payloadBytes)) return false;
-        read.recordHeads.push_back(head);
-    }
-    readSampleInfos(stream, size, read.frameList, trailer, read.sampleInfos);
+    if (!readRecordTables(file, read.frameList, trailer, read.sampleInfos, &read.recordHeads)) return false;
 
     // The last record's metadata ends where the index begins. Its time is not read from the
     // file: the head's captureTime / 1000 is what the writer stored there.
-    const int64_t indexStart = size - (int64_t(trailer) * int64_t(sizeof(QrvIndexEntry)) + int64_t(kTrailerBytes));
+    const int64_t indexStart =
+        file.size() - (int64_t(trailer) * int64_t(sizeof(QrvIndexEntry)) + int64_t(kTrailerBytes));
     QrvSampleInfo last;
     if (!read.recordHeads.empty() && indexStart >= int64_t(kMetadataBytes) &&
-        readAt(stream, size, uint64_t(indexStart) - kMetadataBytes, last.metadata, kMetadataBytes)) {
+        file.read(uint64_t(indexStart) - kMetadataBytes, last.metadata, kMetadataBytes) == kMetadataBytes) {
         last.sampleTime = read.recordHeads.back().captureTime / 1000;
         read.sampleInfos.push_back(last);
     }
+    return true;
+}
+
+}  // namespace
+
+bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables) {
+    tables = QrvSoftwareIndex{};
+    QrvSoftwareIndex read;
+    {
+        const FileBytes file(stream);
+        if (!readSoftwareIndex(file, read)) return finishIndexRead(stream, false);
+    }
     tables = std::move(read);
-    return qrvSeek(stream, 0, SEEK_SET) == 0;
+    return finishIndexRead(stream, true);
 }
 
 bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, size_t capacity,
                            QrvSoftwareRecord& record) {
-    if (!readFrameNumber(stream, sampleCount, record.head.frameNumber)) return false;
-    if (!readHeadTail(stream, record.head, record.payloadBytes)) return false;
+    if (readHead(stream, sampleCount, record.head, record.payloadBytes) != HeadRead::Read) return false;
     const bool fits = record.payloadBytes <= capacity;
     size_t payloadRead = 0;
     if (fits)
         payloadRead = fread(payload, 1, record.payloadBytes, stream);
     else
         qrvSeek(stream, int64_t(record.payloadBytes), SEEK_CUR);
-    readExact(stream, &record.sampleTime, sizeof record.sampleTime);
-    readExact(stream, record.metadata, kMetadataBytes);
+    // sampleTime and the metadata, unchecked, in one read.
+    uint8_t info[kSampleInfoBytes];
+    const size_t infoRead = fread(info, 1, sizeof info, stream);
+    memcpy(&record.sampleTime, info, std::min<size_t>(infoRead, 8));
+    if (infoRead > 8) memcpy(record.metadata, info + 8, infoRead - 8);
     return fits && payloadRead >= 1;
 }
 
@@ -331,9 +416,10 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
 bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
                      std::vector<uint8_t>* payload) {
     const int64_t size = fileSize(stream);
-    if (!readRecordHeadAt(stream, size, offset, head, payloadBytes) ||
-        !rangeInFile(size, offset + kRecordHeadBytes, payloadBytes))
-        return false;
+    uint8_t raw[kRecordHeadBytes];
+    if (!readAt(stream, size, offset, raw, sizeof raw)) return false;
+    decodeHead(raw, head, payloadBytes);
+    if (!rangeInFile(size, offset + kRecordHeadBytes, payloadBytes)) return false;
     if (!payload) return true;
     payload->resize(payloadBytes);
     return readExact(stream, payload->data(), payloadBytes);
