@@ -1,5 +1,6 @@
 #include "container/qrv_file.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -97,7 +98,9 @@ bool readIndexEntries(FILE* stream, int64_t size, uint32_t count, std::vector<Qr
 // are skipped.
 void readSampleInfos(FILE* stream, int64_t size, const std::vector<QrvIndexEntry>& index,
                      uint32_t count, std::vector<QrvSampleInfo>& infos) {
-    if (count > 1) infos.reserve(count - 1);
+    // The count is bounded by the index's 16 bytes an entry, not by 264 bytes an info: the
+    // reservation is bounded by the infos that the file can hold.
+    if (count > 1) infos.reserve(std::min<uint64_t>(count - 1, uint64_t(size) / kSampleInfoBytes));
     for (uint32_t i = 1; i < count; ++i) {
         const uint64_t recordEnd = qrvAt(index, i).recordOffset;
         QrvSampleInfo info;
