@@ -100,3 +100,25 @@ TEST(FuzzRegressions, TrailerCountDoesNotSizeTheSampleInfos) {
 }
 
 }  // namespace
+
+namespace {
+
+// Data that ends with a start code: no NAL unit header is read past its end.
+TEST(FuzzRegressions, StartCodeAtTheEndOfTheData) {
+    File file(fopen(ZOQRV_SOURCE_DIR "/tests/data/fuzz/start-code-at-end.h264", "rb"));
+    ASSERT_TRUE(file);
+    std::vector<uint8_t> bytes(1 << 16);
+    bytes.resize(fread(bytes.data(), 1, bytes.size(), file.get()));
+    ASSERT_GE(bytes.size(), 3u);
+    // Copied so that the sanitizer sees the end of exactly these bytes.
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[bytes.size()]);
+    std::copy(bytes.begin(), bytes.end(), exact.get());
+    for (AnnexBCodec codec : {AnnexBCodec::H264, AnnexBCodec::Hevc}) {
+        size_t covered = 0;
+        for (const AccessUnit& unit : annexBSplitAccessUnits(exact.get(), bytes.size(), codec)) covered += unit.bytes;
+        EXPECT_EQ(covered, bytes.size());
+        annexBHasRandomAccessPicture(exact.get(), bytes.size(), codec);
+    }
+}
+
+}  // namespace

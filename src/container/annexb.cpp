@@ -38,11 +38,13 @@ struct NalKind {
 };
 
 NalKind h264Kind(const uint8_t* data, const NalUnit& unit) {
+    NalKind kind{};
+    kind.headerBytes = 1;
+    // A start code that ends the data has no header.
+    if (unit.header >= unit.end) return kind;
     const uint8_t b = data[unit.header];
     const int type = b & 0x1F;
     const int refIdc = (b >> 5) & 3;
-    NalKind kind{};
-    kind.headerBytes = 1;
     const bool referenceRequired = type == 5 || type == 7 || type == 8;
     const bool referenceForbidden = type == 6 || (type >= 9 && type <= 12);
     kind.valid = (b & 0x80) == 0 && type >= 1 && type <= 21 && !(referenceRequired && refIdc == 0) &&
