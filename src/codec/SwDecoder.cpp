@@ -57,10 +57,19 @@ bool writeYuyv(const de265_image* picture, uint8_t* out, uint32_t w, uint32_t h)
     return true;
 }
 
+// Pictures that a pipe of w x h accepts hold at most its size rounded up to whole 64 x 64
+// coding blocks, in pixels; the area, not each side, is bounded, so a pipe narrower than its
+// pictures still gets their top-left part.
+uint64_t pictureAreaBound(uint32_t w, uint32_t h) {
+    const auto roundUp = [](uint32_t side) { return (uint64_t(side) + 63) / 64 * 64; };
+    return roundUp(w) * roundUp(h);
+}
+
 }  // namespace
 
 SwDecoder::SwDecoder(uint32_t w, uint32_t h, uint32_t reserved)
-    : payloadBuffer(payloadCapacity(w, h)), width(w), height(h), swReserved(reserved) {
+    : payloadBuffer(payloadCapacity(w, h)), width(w), height(h), swReserved(reserved),
+      pictureAreaLimit(pictureAreaBound(w, h)) {
     decoder = de265_new_decoder();
     if (!decoder) return;
     // Pictures with decoding faults are still delivered.
@@ -103,6 +112,15 @@ const de265_image* SwDecoder::decodeRecord() {
         return nullptr;
     }
 
+    // Deliberate departure: a record whose parameter sets declare a picture larger than the
+    // pipe's is refused before libde265 sees it. libde265 allocates the declared picture and
+    // conceals what the payload lacks, so a record of a hundred bytes claiming 16384 x 16384
+    // would cost a gigabyte and seconds inside one de265_decode call, where no deadline reaches.
+    if (!declaresPictureWithinLimit(payloadBuffer.data(), lastRecord.payloadBytes)) {
+        referenceChainEnd = -1;
+        return nullptr;
+    }
+
     lastError = de265_push_data(decoder, payloadBuffer.data(), int(lastRecord.payloadBytes),
                                 ptsCounter, nullptr);
     ptsCounter += lastRecord.payloadBytes;
@@ -127,6 +145,14 @@ const de265_image* SwDecoder::decodeRecord() {
     }
     referenceChainEnd = -1;
     return nullptr;
+}
+
+bool SwDecoder::declaresPictureWithinLimit(const uint8_t* payload, uint32_t bytes) const {
+    std::vector<HevcPictureSize> sizes;
+    if (!hevcDeclaredPictureSizes(payload, bytes, sizes)) return false;
+    for (const HevcPictureSize& size : sizes)
+        if (uint64_t(size.width) * size.height > pictureAreaLimit) return false;
+    return true;
 }
 
 bool SwDecoder::decodeNextRecord(FILE* s, uint8_t* out, uint32_t* frameNumber,

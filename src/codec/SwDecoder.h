@@ -32,6 +32,9 @@ private:
     // null when the record could not be read or gave no picture. The picture is valid only
     // until the next libde265 call.
     const de265_image* decodeRecord();
+    // False when a sequence parameter set in the payload cannot be read or declares more
+    // pixels than pictureAreaLimit.
+    bool declaresPictureWithinLimit(const uint8_t* payload, uint32_t bytes) const;
 
     QrvSoftwareIndex tables;
     std::vector<uint8_t> payloadBuffer;
@@ -39,6 +42,7 @@ private:
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t swReserved = 0;
+    uint64_t pictureAreaLimit = 0;  // pixels of the largest picture a record may declare
     bool ready = false;
     FILE* stream = nullptr;
     de265_error lastError = DE265_OK;

@@ -38,11 +38,13 @@ struct NalKind {
 };
 
 NalKind h264Kind(const uint8_t* data, const NalUnit& unit) {
+    NalKind kind{};
+    kind.headerBytes = 1;
+    // A start code that ends the data has no header.
+    if (unit.header >= unit.end) return kind;
     const uint8_t b = data[unit.header];
     const int type = b & 0x1F;
     const int refIdc = (b >> 5) & 3;
-    NalKind kind{};
-    kind.headerBytes = 1;
     const bool referenceRequired = type == 5 || type == 7 || type == 8;
     const bool referenceForbidden = type == 6 || (type >= 9 && type <= 12);
     kind.valid = (b & 0x80) == 0 && type >= 1 && type <= 21 && !(referenceRequired && refIdc == 0) &&
@@ -101,7 +103,104 @@ bool plausible(AnnexBCodec codec, const uint8_t* data, const std::vector<NalUnit
     return parameterSets == allParameterSets;
 }
 
+// Reads the bits of one NAL unit's payload (RBSP): each 0x03 that follows two zero bytes is an
+// emulation prevention byte and is dropped. Reading past the end sets `ok` to false and yields 0s.
+class RbspReader {
+public:
+    RbspReader(const uint8_t* data, size_t bytes) : data_(data), bytes_(bytes) {}
+
+    bool ok = true;
+
+    uint32_t bit() {
+        if (bitsLeft_ == 0 && !nextByte()) {
+            ok = false;
+            return 0;
+        }
+        --bitsLeft_;
+        return (current_ >> bitsLeft_) & 1;
+    }
+    // count ≤ 32.
+    uint32_t bits(int count) {
+        uint32_t value = 0;
+        while (count-- > 0) value = value << 1 | bit();
+        return value;
+    }
+    void skip(int count) {
+        while (count-- > 0) bit();
+    }
+    // Unsigned Exp-Golomb; more than 31 leading zeros do not fit 32 bits and are invalid.
+    uint32_t ue() {
+        int leadingZeros = 0;
+        while (ok && bit() == 0)
+            if (++leadingZeros > 31) ok = false;
+        if (!ok) return 0;
+        return uint32_t((uint64_t(1) << leadingZeros) - 1 + bits(leadingZeros));
+    }
+
+private:
+    bool nextByte() {
+        while (position_ < bytes_) {
+            const uint8_t byte = data_[position_++];
+            if (zeros_ >= 2 && byte == 3) {
+                zeros_ = 0;
+                continue;
+            }
+            zeros_ = byte == 0 ? zeros_ + 1 : 0;
+            current_ = byte;
+            bitsLeft_ = 8;
+            return true;
+        }
+        return false;
+    }
+
+    const uint8_t* data_;
+    size_t bytes_;
+    size_t position_ = 0;
+    int zeros_ = 0;
+    uint8_t current_ = 0;
+    int bitsLeft_ = 0;
+};
+
+constexpr int kHevcSpsType = 33;
+
+// seq_parameter_set_rbsp up to pic_height_in_luma_samples, NAL unit header included.
+bool readSpsPictureSize(const uint8_t* nal, size_t bytes, HevcPictureSize& size) {
+    RbspReader r(nal, bytes);
+    r.skip(16);  // NAL unit header
+    r.skip(4);   // sps_video_parameter_set_id
+    const uint32_t maxSubLayersMinus1 = r.bits(3);
+    r.skip(1);   // sps_temporal_id_nesting_flag
+    // profile_tier_level(1, maxSubLayersMinus1): the general part is 96 bits.
+    r.skip(96);
+    bool subLayerProfile[8] = {}, subLayerLevel[8] = {};
+    for (uint32_t i = 0; i < maxSubLayersMinus1; ++i) {
+        subLayerProfile[i] = r.bit();
+        subLayerLevel[i] = r.bit();
+    }
+    if (maxSubLayersMinus1 > 0) r.skip(2 * int(8 - maxSubLayersMinus1));  // reserved_zero_2bits
+    for (uint32_t i = 0; i < maxSubLayersMinus1; ++i) {
+        if (subLayerProfile[i]) r.skip(88);
+        if (subLayerLevel[i]) r.skip(8);
+    }
+    r.ue();  // sps_seq_parameter_set_id
+    if (r.ue() == 3) r.skip(1);  // chroma_format_idc 4:4:4: separate_colour_plane_flag
+    size.width = r.ue();
+    size.height = r.ue();
+    return r.ok;
+}
+
 }  // namespace
+
+bool hevcDeclaredPictureSizes(const uint8_t* data, size_t bytes, std::vector<HevcPictureSize>& sizes) {
+    sizes.clear();
+    for (const NalUnit& nal : findNalUnits(data, bytes, SIZE_MAX)) {
+        if (nal.header >= nal.end || ((data[nal.header] >> 1) & 0x3F) != kHevcSpsType) continue;
+        HevcPictureSize size{};
+        if (!readSpsPictureSize(data + nal.header, nal.end - nal.header, size)) return false;
+        sizes.push_back(size);
+    }
+    return true;
+}
 
 const char* annexBCodecName(AnnexBCodec codec) {
     switch (codec) {

@@ -30,3 +30,15 @@ struct AccessUnit {
 // that may only lead an access unit, once the current one has a slice; and the first slice
 // of a picture (first_mb_in_slice == 0, first_slice_segment_in_pic_flag) after a slice.
 std::vector<AccessUnit> annexBSplitAccessUnits(const uint8_t* data, size_t bytes, AnnexBCodec codec);
+
+// Coded picture size that an HEVC sequence parameter set declares (pic_width_in_luma_samples,
+// pic_height_in_luma_samples).
+struct HevcPictureSize {
+    uint32_t width;
+    uint32_t height;
+};
+
+// The sizes declared by every HEVC sequence parameter set in the data, in order. False when one
+// of them ends, or holds an invalid Exp-Golomb code, before its size. Reads nothing beyond each
+// NAL unit and removes emulation prevention bytes.
+bool hevcDeclaredPictureSizes(const uint8_t* data, size_t bytes, std::vector<HevcPictureSize>& sizes);

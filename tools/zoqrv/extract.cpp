@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "container/annexb.h"
 #include "container/qrv_file.h"
 #include "kernels/packing.h"
 #include "recording_header.h"
@@ -21,7 +22,8 @@
 
 namespace {
 
-constexpr const char* kUsage = "extract FILE --out DIR [--from S] [--count K] [--as bgra|uyvy|u4|u8|u16|u32]";
+constexpr const char* kUsage =
+    "extract FILE --out DIR [--from S] [--count K] [--as bgra|uyvy|u4|u8|u16|u32] [--max-size WxH]";
 constexpr uint32_t kUyvy = 1;  // the data format whose frames are 2 * w * h bytes
 constexpr uint32_t kHevc = 1;
 constexpr uint32_t kSoftwareDecoder = 2;
@@ -31,15 +33,27 @@ struct PictureSize {
     uint32_t height = 0;
 };
 
-// The picture size, from decoding the first key frame of the file with libde265.
-bool probePictureSize(FILE* file, const QrvSoftwareIndex& tables, PictureSize& size) {
+// The largest picture that extract decodes unless told otherwise: 8K, a little over HEVC's
+// largest level. The file's parameter sets are untrusted, and libde265 allocates whatever size
+// they declare.
+constexpr PictureSize kDefaultMaxSize{8192, 4352};
+
+enum class Probe { Found, NoPicture, TooLarge };
+
+// The picture size, from decoding the first key frame of the file with libde265, once its
+// parameter sets have been read and found within `maxSize`.
+Probe probePictureSize(FILE* file, const QrvSoftwareIndex& tables, const PictureSize& maxSize, PictureSize& size) {
     auto key = std::find_if(tables.frameList.begin(), tables.frameList.end(),
                             [](const QrvIndexEntry& e) { return e.frameType == kKeyFrameType; });
     if (key == tables.frameList.end()) key = tables.frameList.begin();
     QrvRecordHead head;
     uint32_t payloadBytes = 0;
     std::vector<uint8_t> payload;
-    if (!qrvReadRecordAt(file, key->recordOffset, head, payloadBytes, &payload)) return false;
+    if (!qrvReadRecordAt(file, key->recordOffset, head, payloadBytes, &payload)) return Probe::NoPicture;
+    std::vector<HevcPictureSize> declared;
+    if (!hevcDeclaredPictureSizes(payload.data(), payload.size(), declared)) return Probe::NoPicture;
+    for (const HevcPictureSize& d : declared)
+        if (d.width > maxSize.width || d.height > maxSize.height) return Probe::TooLarge;
 
     std::unique_ptr<de265_decoder_context, de265_error (*)(de265_decoder_context*)> decoder(
         de265_new_decoder(), &de265_free_decoder);
@@ -50,10 +64,18 @@ bool probePictureSize(FILE* file, const QrvSoftwareIndex& tables, PictureSize& s
         if (const de265_image* picture = de265_get_next_picture(decoder.get())) {
             size.width = uint32_t(de265_get_image_width(picture, 0));
             size.height = uint32_t(de265_get_image_height(picture, 0));
-            return true;
+            return Probe::Found;
         }
     }
-    return false;
+    return Probe::NoPicture;
+}
+
+bool parseSize(const std::string& text, PictureSize& size) {
+    unsigned width = 0, height = 0;
+    char end = 0;
+    if (sscanf(text.c_str(), "%ux%u%c", &width, &height, &end) != 2 || width == 0 || height == 0) return false;
+    size = {width, height};
+    return true;
 }
 
 uint8_t clampByte(double v) { return uint8_t(std::clamp(v + 0.5, 0.0, 255.0)); }
@@ -144,12 +166,14 @@ int runExtract(const Arguments& args) {
     std::string input, outDir;
     int32_t from = 0, count = -1;
     std::string kindText;
+    PictureSize maxSize = kDefaultMaxSize;
     for (size_t i = 0; i < args.size(); ++i) {
         const bool hasValue = i + 1 < args.size();
         if (args[i] == "--out" && hasValue) outDir = args[++i];
         else if (args[i] == "--from" && hasValue) { if (!parseCount(args[++i], from)) return usage(kUsage); }
         else if (args[i] == "--count" && hasValue) { if (!parseCount(args[++i], count)) return usage(kUsage); }
         else if (args[i] == "--as" && hasValue) kindText = args[++i];
+        else if (args[i] == "--max-size" && hasValue) { if (!parseSize(args[++i], maxSize)) return usage(kUsage); }
         else if (input.empty() && args[i].rfind("--", 0) != 0) input = args[i];
         else return usage(kUsage);
     }
@@ -160,8 +184,13 @@ int runExtract(const Arguments& args) {
     QrvSoftwareIndex tables;
     if (!qrvReadSoftwareIndex(file.get(), tables)) return fail(input + ": cannot read the sample index");
     PictureSize size;
-    if (!probePictureSize(file.get(), tables, size))
-        return fail(input + ": no HEVC picture in the first key frame");
+    switch (probePictureSize(file.get(), tables, maxSize, size)) {
+        case Probe::Found: break;
+        case Probe::NoPicture: return fail(input + ": no HEVC picture in the first key frame");
+        case Probe::TooLarge:
+            return fail(input + ": its pictures are larger than " + std::to_string(maxSize.width) + "x" +
+                        std::to_string(maxSize.height) + " (--max-size)");
+    }
 
     // The data's kind and size: --as, else the recording header; the picture is then the
     // one that carries that data. Without either, the picture is written as it is.

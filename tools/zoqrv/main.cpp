@@ -18,7 +18,7 @@ const Command kCommands[] = {
     {"import", runImport, "import STREAM FILE [--fps F] [--header BYTES]   wrap an H.264/HEVC Annex-B stream"},
     {"export", runExport, "export FILE STREAM   write the records' payloads as an elementary stream"},
     {"record", runRecord, "record --kind K --size WxH --fps N [--lossless] [--bitrate B] OUT.qrv [IN]   encode raw frames (HEVC)"},
-    {"extract", runExtract, "extract FILE --out DIR [--from S] [--count K] [--as KIND]   decode HEVC records to PNG (or .bin) files"},
+    {"extract", runExtract, "extract FILE --out DIR [--from S] [--count K] [--as KIND] [--max-size WxH]   decode HEVC records to PNG (or .bin) files"},
 };
 
 int printUsage() {
@@ -28,18 +28,6 @@ int printUsage() {
 }
 
 }  // namespace
-
-int fail(const std::string& message) {
-    fprintf(stderr, "zoqrv: %s\n", message.c_str());
-    return 1;
-}
-
-File openFile(const std::string& path, const char* mode) { return File(fopen(path.c_str(), mode)); }
-
-int usage(const char* line) {
-    fprintf(stderr, "usage: zoqrv %s\n", line);
-    return 2;
-}
 
 int main(int argc, char** argv) {
     if (argc < 2) return printUsage();

@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Makes the fuzzers' seed inputs from real recordings: x265 and x264 streams (through ffmpeg)
+# at ordinary, odd and the smallest sizes, a one-record file and a file of many short GOPs, each wrapped
+# into a QRV file by `zoqrv import`.
+#
+#   scripts/make-fuzz-corpus.sh OUT_DIR [ZOQRV]
+#
+# OUT_DIR/<harness>/ receives the seeds of each harness in fuzz/ (see the input layout at the
+# top of each harness); OUT_DIR/streams/ keeps the streams and QRV files they come from.
+set -euo pipefail
+
+out=${1:?usage: make-fuzz-corpus.sh OUT_DIR [ZOQRV]}
+zoqrv=${2:-build/tools/zoqrv}
+for tool in ffmpeg python3 "$zoqrv"; do
+  command -v "$tool" >/dev/null || { echo "make-fuzz-corpus: $tool not found" >&2; exit 2; }
+done
+streams="$out/streams"
+mkdir -p "$streams" "$out/fuzz_qrv_file" "$out/fuzz_sw_payload" "$out/fuzz_annexb_zoqrv"
+
+# seed NAME CODEC WIDTH HEIGHT FRAMES KEYINT: NAME.hevc or NAME.h264 and NAME.qrv.
+seed() {
+  local name=$1 codec=$2 width=$3 height=$4 frames=$5 keyint=$6
+  local stream="$streams/$name.$codec"
+  local encoder=(-c:v libx264 -preset ultrafast -g "$keyint" -keyint_min "$keyint" -sc_threshold 0 -bf 0 -f h264)
+  # 16 x 16 coding tree units: x265 needs a picture of at least one.
+  [ "$codec" = hevc ] && encoder=(-c:v libx265 -preset ultrafast -f hevc -x265-params
+    "log-level=error:info=0:ctu=16:min-cu-size=8:keyint=$keyint:min-keyint=$keyint:scenecut=0:bframes=0:repeat-headers=1")
+  ffmpeg -nostdin -hide_banner -loglevel error -y -f lavfi -i "testsrc2=size=${width}x${height}:rate=25" \
+    -frames:v "$frames" -pix_fmt yuv420p "${encoder[@]}" "$stream"
+  "$zoqrv" import "$stream" "$streams/$name.qrv" --fps 25 --header 16 >/dev/null
+  echo "$name $width $height"
+}
+
+{
+  seed hevc_64x48 hevc 64 48 6 3
+  seed hevc_odd_33x17 hevc 33 17 4 2
+  seed hevc_tiny_16x16 hevc 16 16 3 3
+  seed hevc_one_record hevc 64 48 1 1
+  seed hevc_many_gops hevc 32 32 24 2
+  seed hevc_200x120 hevc 200 120 5 5
+  seed h264_64x48 h264 64 48 6 3
+  seed h264_odd_35x19 h264 35 19 3 3
+} >"$streams/list.txt"
+
+# Each harness's input: the pipe size (width - 1 and height - 1 as u16) before the data.
+python3 - "$out" <<'PY'
+import struct, sys, pathlib
+out = pathlib.Path(sys.argv[1]); streams = out / "streams"
+def records(qrv):
+    data = qrv.read_bytes()
+    count = struct.unpack_from("<I", data, len(data) - 4)[0]
+    index = len(data) - 4 - 16 * count
+    for i in range(count):
+        offset = struct.unpack_from("<Q", data, index + 16 * i)[0]
+        size = struct.unpack_from("<I", data, offset + 16)[0]
+        yield data[offset + 20: offset + 20 + size]
+for line in (streams / "list.txt").read_text().split("\n"):
+    if not line: continue
+    name, width, height = line.split(); size = struct.pack("<HH", int(width) - 1, int(height) - 1)
+    qrv = streams / f"{name}.qrv"
+    # Read three records, seek to sample 2 and read, ask sample 1's time and metadata, seek to 0.
+    operations = bytes([0, 0, 0, 0x43, 0, 0x82, 0xC2, 0x41])
+    (out / "fuzz_qrv_file" / name).write_bytes(size + operations + qrv.read_bytes())
+    if name.startswith("hevc"):
+        (out / "fuzz_sw_payload" / name).write_bytes(size + b"QRVNEXT".join(list(records(qrv))[:4]))
+    for path in streams.glob(name + ".*"):
+        if path.suffix != ".txt": (out / "fuzz_annexb_zoqrv" / path.name).write_bytes(path.read_bytes())
+PY

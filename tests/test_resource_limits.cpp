@@ -1,0 +1,164 @@
+// Inputs that once crashed, hung or blew up memory, and calls that run out of memory: each
+// call must end in its result, within its bound and within a memory cap, never in an exception
+// thrown into a C host. This program's operators new refuse allocations above a cap, and count
+// the refusals.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+#include "container/annexb.h"
+#include "support/qrv_builder.h"
+#include "support/temp_file.h"
+#include "zo_qrv64.h"
+
+namespace {
+std::atomic<size_t> allocationCap{SIZE_MAX};
+std::atomic<size_t> refusedAllocations{0};
+
+void* allocate(size_t size) {
+    if (size <= allocationCap) return std::malloc(size ? size : 1);
+    ++refusedAllocations;
+    return nullptr;
+}
+
+// Allocations above `bytes` fail while it lives.
+struct AllocationCap {
+    explicit AllocationCap(size_t bytes) {
+        refusedAllocations = 0;
+        allocationCap = bytes;
+    }
+    ~AllocationCap() { allocationCap = SIZE_MAX; }
+};
+}  // namespace
+
+void* operator new(size_t size) {
+    if (void* memory = allocate(size)) return memory;
+    throw std::bad_alloc();
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+// The matching deletes: the operators new above take their memory from malloc.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+#pragma GCC diagnostic pop
+
+namespace {
+
+constexpr size_t kCap = 32 << 20;
+using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
+struct Closer {
+    void operator()(FILE* f) const { fclose(f); }
+};
+using File = std::unique_ptr<FILE, Closer>;
+
+Pipe softwarePipe(uint32_t width, uint32_t height) {
+    Pipe pipe(ZOHW_CreateDecoder(1, 1, width, height, 0), &ZOHW_Destroy);
+    const int start = 0;
+    if (!pipe || ZOHW_GetDecoderType(pipe.get()) != 2 || ZOHW_StartDecoding(pipe.get(), &start) != 0)
+        ADD_FAILURE() << "no software pipe";
+    return pipe;
+}
+
+// A 64 x 48 recording of four records whose parameter sets claim 8192 x 8192 pictures: each
+// read fails at once instead of decoding hundreds of megabytes of concealed picture for seconds.
+TEST(FuzzRegressions, RecordsClaimingHugePicturesFailFast) {
+    File file(fopen(ZOQRV_SOURCE_DIR "/tests/data/fuzz/huge-picture-claim.qrv", "rb"));
+    ASSERT_TRUE(file);
+    std::vector<uint8_t> record(954);
+    ASSERT_EQ(fseek(file.get(), 36, SEEK_SET), 0);
+    ASSERT_EQ(fread(record.data(), 1, record.size(), file.get()), record.size());
+    std::vector<HevcPictureSize> sizes;
+    ASSERT_TRUE(hevcDeclaredPictureSizes(record.data(), record.size(), sizes));
+    ASSERT_EQ(sizes.size(), 1u);
+    EXPECT_EQ(sizes[0].width, 8192u);
+    EXPECT_EQ(sizes[0].height, 8192u);
+    // The parameter set cut short before its size is unreadable.
+    const uint8_t spsStart[] = {0, 0, 1, 0x42, 0x01};
+    const size_t sps = size_t(std::search(record.begin(), record.end(), spsStart, spsStart + 5) - record.begin());
+    ASSERT_LT(sps, record.size());
+    EXPECT_FALSE(hevcDeclaredPictureSizes(record.data(), sps + 16, sizes));
+
+    Pipe pipe = softwarePipe(64, 48);
+    ASSERT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 0u);
+    std::vector<uint8_t> frame(64 * 48 * 2);
+    uint8_t metadata[256];
+    uint32_t frameNumber = 0, frameType = 0;
+    uint64_t time = 0;
+    const auto start = std::chrono::steady_clock::now();
+    for (int call = 0; call < 2; ++call)  // two records a call
+        EXPECT_EQ(ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber, &time,
+                                              &frameType, metadata), 1u);
+    EXPECT_EQ(ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), 3), 0u);  // a key frame: nothing decoded
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+// A zero-filled sparse file whose trailer claims as many entries as its size can hold: nothing
+// is reserved from that count before it is bounded by the file, so the refusal stays under the
+// cap.
+TEST(FuzzRegressions, TrailerCountDoesNotSizeTheSampleInfos) {
+    TempFile temp;
+    const uint32_t fileBytes = 4 << 20, count = (fileBytes - 4) / 16;
+    {
+        File file(temp.open("wb"));
+        ASSERT_EQ(ftruncate(fileno(file.get()), fileBytes - 4), 0);
+        ASSERT_EQ(fseek(file.get(), 0, SEEK_END), 0);
+        ASSERT_EQ(fwrite(&count, 4, 1, file.get()), 1u);
+    }
+    File file(temp.open("rb"));
+    Pipe pipe = softwarePipe(64, 48);
+    const AllocationCap cap(kCap);
+    EXPECT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 1u);  // more entries than records fit
+    EXPECT_EQ(refusedAllocations, 0u) << "an allocation was sized from the claimed count";
+}
+
+// Data that ends with a start code: no NAL unit header is read past its end.
+TEST(FuzzRegressions, StartCodeAtTheEndOfTheData) {
+    File file(fopen(ZOQRV_SOURCE_DIR "/tests/data/fuzz/start-code-at-end.h264", "rb"));
+    ASSERT_TRUE(file);
+    std::vector<uint8_t> bytes(1 << 16);
+    bytes.resize(fread(bytes.data(), 1, bytes.size(), file.get()));
+    ASSERT_GE(bytes.size(), 3u);
+    // Copied so that the sanitizer sees the end of exactly these bytes.
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[bytes.size()]);
+    std::copy(bytes.begin(), bytes.end(), exact.get());
+    for (AnnexBCodec codec : {AnnexBCodec::H264, AnnexBCodec::Hevc}) {
+        size_t covered = 0;
+        for (const AccessUnit& unit : annexBSplitAccessUnits(exact.get(), bytes.size(), codec)) covered += unit.bytes;
+        EXPECT_EQ(covered, bytes.size());
+        annexBHasRandomAccessPicture(exact.get(), bytes.size(), codec);
+    }
+}
+
+
+// A decoder for a frame whose buffers cannot be had is one that cannot be made.
+TEST(OutOfMemory, CreationFailsWithItsTextAndANullPipe) {
+    const AllocationCap cap(size_t(1) << 30);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZOHW_CreateDecoder(3, 1, 40000, 40000, 0), nullptr);
+    testing::internal::GetCapturedStdout();
+    EXPECT_STREQ(ZOHW_GetError(nullptr), "Unsupported hardware or codec for decoding");
+    EXPECT_EQ(ZOHW_CreateEncoder(3, 1, 0, 40000, 40000, 1000000, 30), nullptr);
+    EXPECT_STREQ(ZOHW_GetError(nullptr), "unsupported hardware or codec for encoding");
+}
+
+TEST(OutOfMemory, ReadingTheIndexFails) {
+    QrvBuilder builder;
+    for (uint32_t i = 1; i <= 8; ++i) builder.addRecord(i, i * 1000, 3, {0, 0, 1, 0x26});
+    QrvTestFile file = qrvOpenBytes(builder.bytes());
+    Pipe pipe = softwarePipe(64, 48);
+    {
+        const AllocationCap cap(64);
+        EXPECT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 1u);
+    }
+    EXPECT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 0u);
+}
+
+}  // namespace
