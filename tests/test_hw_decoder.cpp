@@ -130,21 +130,20 @@ protected:
         payloads = qrvPayloads(stream.qrvPath);
         reference = referenceNv12Frames(stream);
     }
-    std::unique_ptr<NvDecoder> make(cudaVideoCodec codec, bool deviceFrames = true, bool lowLatency = true,
-                                    bool pitched = false) {
+    std::unique_ptr<NvDecoder> make(cudaVideoCodec codec, bool deviceFrames = true, bool pitched = false) {
         device::api().synchronize();
         CUcontext context = nullptr;
         device::api().getCurrentContext(&context);
-        return std::make_unique<NvDecoder>(context, 0, 0, deviceFrames, codec, nullptr, lowLatency, pitched);
+        return std::make_unique<NvDecoder>(context, 0, 0, deviceFrames, codec, nullptr, true, pitched);
     }
     // One Decode call; its frames copied out as tight NV12, their timestamps appended to `stamps`.
-    std::vector<Bytes> decode(NvDecoder& decoder, const Bytes* sample, int64_t timestamp, uint32_t flags,
+    std::vector<Bytes> decode(NvDecoder& decoder, const Bytes& sample, int64_t timestamp,
                               std::vector<int64_t>* stamps = nullptr) {
         uint8_t** frames = nullptr;
         int64_t* times = nullptr;
         int count = 0;
-        EXPECT_TRUE(decoder.Decode(sample ? sample->data() : nullptr, sample ? int(sample->size()) : 0, &frames,
-                                   &count, flags, &times, timestamp));
+        EXPECT_TRUE(decoder.Decode(sample.data(), int(sample.size()), &frames, &count, CUVID_PKT_ENDOFPICTURE, &times,
+                                   timestamp));
         std::vector<Bytes> out;
         const size_t w = size_t(decoder.GetWidth()), rows = size_t(decoder.GetHeight()) * 3 / 2;
         for (int i = 0; i < count; ++i) {
@@ -184,10 +183,10 @@ TEST_P(NvDecoderFrames, EveryPictureMatchesTheReferenceDecode) {
     const auto [c, kind] = GetParam();
     load(c);
     if (IsSkipped()) return;
-    auto decoder = make(c.codec ? cudaVideoCodec_HEVC : cudaVideoCodec_H264, kind != 2, true, kind == 1);
+    auto decoder = make(c.codec ? cudaVideoCodec_HEVC : cudaVideoCodec_H264, kind != 2, kind == 1);
     for (size_t i = 0; i < payloads.size(); ++i) {
         std::vector<int64_t> stamps;
-        const auto frames = decode(*decoder, &payloads[i], int64_t(100 + i), CUVID_PKT_ENDOFPICTURE, &stamps);
+        const auto frames = decode(*decoder, payloads[i], int64_t(100 + i), &stamps);
         ASSERT_EQ(frames.size(), 1u) << "picture " << i;
         EXPECT_TRUE(frames[0] == reference[i]) << "picture " << i << " differs from ffmpeg's";
         EXPECT_EQ(stamps, std::vector<int64_t>{int64_t(100 + i)});
@@ -204,7 +203,7 @@ TEST_F(Decoding, SequenceSetsUpTheDecoderFromTheCodedSizeOnce) {
     load(kHevc198);
     if (IsSkipped()) return;
     auto decoder = make(cudaVideoCodec_HEVC);
-    decode(*decoder, &payloads[0], 0, CUVID_PKT_ENDOFPICTURE);
+    decode(*decoder, payloads[0], 0);
     ASSERT_EQ(fake.decodersCreated.size(), 1u);
     const CUVIDDECODECREATEINFO& info = fake.decodersCreated[0];
     EXPECT_EQ(std::vector<unsigned long>({info.ulWidth, info.ulHeight, info.ulTargetWidth, info.ulTargetHeight,
@@ -220,28 +219,10 @@ TEST_F(Decoding, SequenceSetsUpTheDecoderFromTheCodedSizeOnce) {
     // A second sequence with another size leaves the decoder as it was.
     std::string whyMissing;
     const auto other = qrvPayloads(hevcStream(hevcStreams("tests", whyMissing), "wpp_640x480").qrvPath);
-    decode(*decoder, &other[0], 1, CUVID_PKT_ENDOFPICTURE);
+    decode(*decoder, other[0], 1);
     EXPECT_EQ(fake.sequenceResults.size(), 2u);
     EXPECT_EQ(fake.decodersCreated.size(), 1u);
-    EXPECT_EQ(decode(*decoder, &payloads[0], 2, CUVID_PKT_ENDOFPICTURE).at(0), reference[0]);
-}
-
-TEST_F(Decoding, PicturesComeOutWhenTheParserKnowsTheyAreComplete) {
-    load(kHevc198);
-    if (IsSkipped()) return;
-    // Without the end-of-picture flag, pictures wait for the next packet: three in one call.
-    auto decoder = make(cudaVideoCodec_HEVC);
-    std::vector<int64_t> stamps;
-    EXPECT_TRUE(decode(*decoder, &payloads[0], 10, 0).empty());
-    EXPECT_TRUE(decode(*decoder, &payloads[1], 11, 0).empty());
-    EXPECT_EQ(decode(*decoder, &payloads[2], 12, CUVID_PKT_ENDOFPICTURE, &stamps),
-              std::vector<Bytes>(reference.begin(), reference.begin() + 3));
-    EXPECT_EQ(stamps, (std::vector<int64_t>{10, 11, 12}));
-    // A display delay of one holds each picture back a call; an empty sample ends the stream.
-    auto delayed = make(cudaVideoCodec_HEVC, true, false);
-    EXPECT_TRUE(decode(*delayed, &payloads[0], 0, CUVID_PKT_ENDOFPICTURE).empty());
-    EXPECT_EQ(decode(*delayed, &payloads[1], 1, CUVID_PKT_ENDOFPICTURE).at(0), reference[0]);
-    EXPECT_EQ(decode(*delayed, nullptr, 2, 0).at(0), reference[1]);
+    EXPECT_EQ(decode(*decoder, payloads[0], 2).at(0), reference[0]);
 }
 
 class HwPipes : public Decoding, public testing::WithParamInterface<std::tuple<StreamCase, uint32_t>> {};
