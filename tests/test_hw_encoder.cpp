@@ -5,11 +5,10 @@
 
 #include "codec/Exception.h"
 #include "codec/HwEncoder.h"
-#include "container/qrv_file.h"
 #include "kernels/packing_reference.h"
 #include "support/fake_nvenc.h"
 #include "support/host_device.h"
-#include "support/temp_file.h"
+#include "support/qrv_builder.h"
 #include "zo_qrv64.h"
 
 namespace {
@@ -314,8 +313,8 @@ TEST_F(Encoding, ForcedIntraOverflowAndDriverFailuresReachTheCaller) {
 TEST_F(Encoding, RecordingsReadBackWithTheirPayloadsTypesTimesAndMetadata) {
     ZoHwPipe* pipe = ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 4, 1000000, 10);
     ASSERT_NE(pipe, nullptr);
-    TempFile file;
-    FILE* stream = file.open("w+b");
+    QrvTestFile file = qrvOpenEmpty();
+    FILE* stream = file.get();
     const uint8_t header[16] = {1, 2, 3};
     EXPECT_EQ(ZOHW_CreateQRVContainer(pipe, stream, header, 16), 0u);
     const Bytes image = randomBytes(8 * 2 * 4, 3);
@@ -348,5 +347,4 @@ TEST_F(Encoding, RecordingsReadBackWithTheirPayloadsTypesTimesAndMetadata) {
         EXPECT_EQ(word(payload.data(), 0), i);
         EXPECT_EQ(word(payload.data(), 4), type);
     }
-    std::fclose(stream);
 }
