@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <string>
 
 #include "support/qrv_builder.h"
 #include "zo_qrv64.h"
@@ -19,12 +20,13 @@ struct FailingAllocations {
 };
 }  // namespace
 
+void* operator new(size_t size) {
+    void* memory = size < failFrom ? std::malloc(size ? size : 1) : nullptr;
+    if (!memory) throw std::bad_alloc();
+    return memory;
+}
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return size < failFrom ? std::malloc(size ? size : 1) : nullptr;
-}
-void* operator new(size_t size) {
-    if (void* memory = operator new(size, std::nothrow)) return memory;
-    throw std::bad_alloc();
 }
 // The matching deletes: the operators new above take their memory from malloc.
 #pragma GCC diagnostic push
@@ -34,18 +36,18 @@ void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
 #pragma GCC diagnostic pop
 
-// A pipe whose buffers cannot be had is one that cannot be made; an index that cannot be held
-// is not read, and a later try with memory reads it.
-TEST(OutOfMemory, CreationAndIndexReadingFailWithTheirResults) {
-    {
-        const FailingAllocations failing(size_t(1) << 30);
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(ZOHW_CreateDecoder(3, 1, 40000, 40000, 0), nullptr);
-        testing::internal::GetCapturedStdout();
-        EXPECT_STREQ(ZOHW_GetError(nullptr), "Unsupported hardware or codec for decoding");
-        EXPECT_EQ(ZOHW_CreateEncoder(3, 1, 0, 40000, 40000, 1000000, 30), nullptr);
-        EXPECT_STREQ(ZOHW_GetError(nullptr), "unsupported hardware or codec for encoding");
-    }
+// A decoder for a frame whose buffers cannot be had is one that cannot be made.
+TEST(OutOfMemory, CreationFailsWithItsTextAndANullPipe) {
+    const FailingAllocations failing(size_t(1) << 30);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZOHW_CreateDecoder(3, 1, 40000, 40000, 0), nullptr);
+    testing::internal::GetCapturedStdout();
+    EXPECT_STREQ(ZOHW_GetError(nullptr), "Unsupported hardware or codec for decoding");
+    EXPECT_EQ(ZOHW_CreateEncoder(3, 1, 0, 40000, 40000, 1000000, 30), nullptr);
+    EXPECT_STREQ(ZOHW_GetError(nullptr), "unsupported hardware or codec for encoding");
+}
+
+TEST(OutOfMemory, ReadingTheIndexFails) {
     QrvBuilder builder;
     for (uint32_t i = 1; i <= 8; ++i) builder.addRecord(i, i * 1000, 3, {0, 0, 1, 0x26});
     QrvTestFile file = qrvOpenBytes(builder.bytes());
