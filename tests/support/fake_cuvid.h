@@ -7,7 +7,6 @@
 // height. Handles, call order and map/unmap pairing are checked; breaches go to `faults`.
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -20,10 +19,8 @@ struct FakeCuvid {
     std::set<cudaVideoCodec> supported = {cudaVideoCodec_H264, cudaVideoCodec_HEVC};  // 8-bit 4:2:0
     unsigned maxWidth = 4096, maxHeight = 4096, maxMBCount = 65536;
     std::map<std::string, CUresult> failing;  // entry point name → status of its every call
-    bool nullParser = false;                  // parser creation succeeds without a parser
 
     // ---- What happened
-    std::vector<std::string> calls;
     std::vector<std::string> faults;
     std::vector<CUVIDDECODECREATEINFO> decodersCreated;
     std::vector<int64_t> packetTimestamps;  // of every packet parsed

@@ -6,283 +6,252 @@
 
 namespace {
 
-FakeNvenc* fake() { return &fakeNvenc(); }
+// A bitstream buffer (pending: encoded but held back; ready: may be locked) or a registered
+// resource (whose mapped handle is its handle + 1).
+struct Object {
+    bool isBuffer = false, pending = false, ready = false, locked = false, mapped = false;
+    std::vector<uint8_t> bytes;
+    uint32_t pictureType = 0;
+    NV_ENC_REGISTER_RESOURCE registration = {};
+};
+struct Session {
+    uint32_t api = 0, idrPeriod = 0, frames = 0;
+    bool initialized = false;
+    std::map<void*, Object> objects;
+};
+std::map<void*, Session> sessions;
+uint32_t functionListApi = 0;
 
+FakeNvenc& fake() { return fakeNvenc(); }
 bool same(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
 void* newHandle() {
     static uintptr_t next = 0;
     return reinterpret_cast<void*>((++next) << 4);
 }
-
-// Logs the call; a chosen failure answers before anything is done.
-bool failing(const char* name, NVENCSTATUS& status) {
-    fake()->calls.push_back(name);
-    auto it = fake()->failing.find(name);
-    if (it == fake()->failing.end()) return false;
-    status = it->second;
-    return true;
-}
-#define ENTRY(name)                           \
-    NVENCSTATUS injected = NV_ENC_SUCCESS;    \
-    if (failing(name, injected)) return injected
-
 NVENCSTATUS breach(const std::string& what, NVENCSTATUS status = NV_ENC_ERR_INVALID_PARAM) {
-    fake()->faults.push_back(what);
+    fake().faults.push_back(what);
     return status;
 }
-
-FakeNvencSession* sessionOf(void* encoder) {
-    auto it = fake()->sessions.find(encoder);
-    return it == fake()->sessions.end() ? nullptr : &it->second;
+// The object of `handle` of the given kind, or none.
+Object* find(Session& session, void* handle, bool buffer) {
+    auto it = session.objects.find(handle);
+    return it != session.objects.end() && it->second.isBuffer == buffer ? &it->second : nullptr;
+}
+Object* mappedResource(Session& session, void* mapped) {
+    Object* resource = find(session, static_cast<char*>(mapped) - 1, false);
+    return resource && resource->mapped ? resource : nullptr;
 }
 
-bool versionOk(const FakeNvencSession& session, uint32_t word, uint32_t n, bool extended, const char* what) {
-    if (word == nvencStructVersion(session.api, n, extended)) return true;
-    breach(std::string("version word of ") + what);
+// Each entry logs its call, and a chosen failure answers before anything is done; session
+// entries find their session, and every structure's version word must be the session's.
+#define ENTRY(name)               \
+    fake().calls.push_back(name); \
+    if (fake().failing.count(name)) return fake().failing[name]
+#define SESSION_ENTRY(name, encoder)                                                                     \
+    ENTRY(name);                                                                                         \
+    if (!sessions.count(encoder)) return breach("unknown session", NV_ENC_ERR_INVALID_ENCODERDEVICE); \
+    Session& session = sessions[encoder]
+#define VERSION(word, n, extended)                              \
+    if ((word) != nvencStructVersion(session.api, n, extended)) \
+    return breach(std::string("version word of ") + #word, NV_ENC_ERR_INVALID_VERSION)
+
+bool isLegacyPreset(const GUID& preset) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    for (const GUID& legacy : {NV_ENC_PRESET_DEFAULT_GUID, NV_ENC_PRESET_LOW_LATENCY_HQ_GUID,
+                               NV_ENC_PRESET_LOSSLESS_DEFAULT_GUID, NV_ENC_PRESET_LOSSLESS_HP_GUID})
+#pragma GCC diagnostic pop
+        if (same(legacy, preset)) return true;
     return false;
 }
-#define SESSION(encoder)                                                      \
-    FakeNvencSession* session = sessionOf(encoder);                           \
-    if (!session) return breach("unknown session", NV_ENC_ERR_INVALID_ENCODERDEVICE)
-#define VERSION(word, n, extended, what) \
-    if (!versionOk(*session, word, n, extended, what)) return NV_ENC_ERR_INVALID_VERSION
 
 NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
     ENTRY("nvEncOpenEncodeSessionEx");
-    FakeNvencSession session;
+    Session session;
     session.api = params->apiVersion;
-    if (session.api != fake()->functionListApi) return breach("session and function list versions differ");
-    if ((((session.api & 0xFF) << 4) | (session.api >> 24)) > fake()->maxVersion)
+    if (session.api != functionListApi) return breach("session and function list versions differ");
+    if ((((session.api & 0xFF) << 4) | (session.api >> 24)) > fake().maxVersion)
         return breach("interface newer than the driver", NV_ENC_ERR_INVALID_VERSION);
-    if (!versionOk(session, params->version, 1, false, "open-session parameters")) return NV_ENC_ERR_INVALID_VERSION;
+    VERSION(params->version, 1, false);
     if (params->deviceType != NV_ENC_DEVICE_TYPE_CUDA || !params->device) return breach("no CUDA context");
-    *encoder = newHandle();
-    fake()->sessions[*encoder] = session;
+    sessions[*encoder = newHandle()] = session;
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI getCaps(void* encoder, GUID codec, NV_ENC_CAPS_PARAM* query, int* value) {
-    ENTRY("nvEncGetEncodeCaps");
-    SESSION(encoder);
-    VERSION(query->version, 1, false, "capability query");
-    *value = same(codec, NV_ENC_CODEC_HEVC_GUID) && !fake()->hevc ? 0 : 4096;
+    SESSION_ENTRY("nvEncGetEncodeCaps", encoder);
+    VERSION(query->version, 1, false);
+    *value = same(codec, NV_ENC_CODEC_HEVC_GUID) && !fake().hevc ? 0 : 4096;
     return NV_ENC_SUCCESS;
 }
 
-void fillPreset(NV_ENC_PRESET_CONFIG* preset) {
-    NV_ENC_CONFIG& config = preset->presetCfg;
+// Both preset queries: the legacy one takes the legacy presets only, the newer one the others.
+NVENCSTATUS preset(Session& session, bool legacyQuery, GUID preset, NV_ENC_TUNING_INFO tuning,
+                   NV_ENC_PRESET_CONFIG* out) {
+    VERSION(out->version, 4, true);
+    VERSION(out->presetCfg.version, 7, true);
+    if (isLegacyPreset(preset) != legacyQuery || (!legacyQuery && tuning == NV_ENC_TUNING_INFO_UNDEFINED))
+        return breach("preset or tuning info of the other interface");
+    if (legacyQuery && !fake().legacyPresets && !fake().refuseAtInitialize) return NV_ENC_ERR_UNSUPPORTED_PARAM;
+    NV_ENC_CONFIG& config = out->presetCfg;
     config.frameIntervalP = 3;
     config.gopLength = 250;
     config.rcParams.rateControlMode = NV_ENC_PARAMS_RC_VBR;
     config.rcParams.constQP = {20, 22, 18};
-    config.rcParams.lookaheadDepth = static_cast<uint16_t>(fake()->lookaheadDepth);
-    config.encodeCodecConfig.h264Config.idrPeriod = 250;
-}
-
-bool isLegacyPreset(const GUID& preset) {
-    static const GUID legacy[] = {
-        {0xb2dfb705, 0x4ebd, 0x4c49, {0x9b, 0x5f, 0x24, 0xa7, 0x77, 0xd3, 0xe5, 0x87}},
-        {0xc5f733b9, 0xea97, 0x4cf9, {0xbe, 0xc2, 0xbf, 0x78, 0xa7, 0x4f, 0xd1, 0x05}},
-        {0xd5bfb716, 0xc604, 0x44e7, {0x9b, 0xb8, 0xde, 0xa5, 0x51, 0x0f, 0xc3, 0xac}},
-        {0x149998e7, 0x2364, 0x411d, {0x82, 0xef, 0x17, 0x98, 0x88, 0x09, 0x34, 0x09}},
-    };
-    for (const GUID& guid : legacy)
-        if (same(guid, preset)) return true;
-    return false;
-}
-
-NVENCSTATUS NVENCAPI getPreset(void* encoder, GUID, GUID preset, NV_ENC_PRESET_CONFIG* config) {
-    ENTRY("nvEncGetEncodePresetConfig");
-    SESSION(encoder);
-    VERSION(config->version, 4, true, "preset configuration");
-    VERSION(config->presetCfg.version, 7, true, "preset's configuration");
-    if (!isLegacyPreset(preset)) return breach("not a legacy preset");
-    if (!fake()->legacyPresets && !fake()->refuseAtInitialize) return NV_ENC_ERR_UNSUPPORTED_PARAM;
-    fillPreset(config);
+    config.rcParams.lookaheadDepth = fake().lookaheadDepth;
     return NV_ENC_SUCCESS;
 }
-
-NVENCSTATUS NVENCAPI getPresetEx(void* encoder, GUID, GUID preset, NV_ENC_TUNING_INFO tuning,
+NVENCSTATUS NVENCAPI getPreset(void* encoder, GUID, GUID presetGuid, NV_ENC_PRESET_CONFIG* config) {
+    SESSION_ENTRY("nvEncGetEncodePresetConfig", encoder);
+    return preset(session, true, presetGuid, NV_ENC_TUNING_INFO_UNDEFINED, config);
+}
+NVENCSTATUS NVENCAPI getPresetEx(void* encoder, GUID, GUID presetGuid, NV_ENC_TUNING_INFO tuning,
                                  NV_ENC_PRESET_CONFIG* config) {
-    ENTRY("nvEncGetEncodePresetConfigEx");
-    SESSION(encoder);
-    VERSION(config->version, 4, true, "preset configuration");
-    VERSION(config->presetCfg.version, 7, true, "preset's configuration");
-    if (isLegacyPreset(preset) || tuning == NV_ENC_TUNING_INFO_UNDEFINED) return breach("preset or tuning info");
-    fillPreset(config);
-    return NV_ENC_SUCCESS;
+    SESSION_ENTRY("nvEncGetEncodePresetConfigEx", encoder);
+    return preset(session, false, presetGuid, tuning, config);
 }
 
 NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params) {
-    ENTRY("nvEncInitializeEncoder");
-    SESSION(encoder);
-    VERSION(params->version, 5, true, "initialisation parameters");
-    VERSION(params->encodeConfig->version, 7, true, "configuration");
+    SESSION_ENTRY("nvEncInitializeEncoder", encoder);
+    VERSION(params->version, 5, true);
+    VERSION(params->encodeConfig->version, 7, true);
     if (params->enableEncodeAsync) return breach("asynchronous mode without completion events");
-    const bool legacySession = (session->api & 0xFF) < 10;
-    if (!fake()->legacyPresets && legacySession) return NV_ENC_ERR_INVALID_PARAM;
+    const bool legacySession = (session.api & 0xFF) < 10;
+    if (!fake().legacyPresets && legacySession) return NV_ENC_ERR_INVALID_PARAM;
     if (!legacySession && (isLegacyPreset(params->presetGUID) ||
                            params->encodeConfig->rcParams.rateControlMode == NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ))
         return breach("legacy preset or rate control on the newer interface");
-    fake()->initParams = *params;
-    fake()->config = *params->encodeConfig;
-    session->initialized = true;
-    session->idrPeriod = same(params->encodeGUID, NV_ENC_CODEC_H264_GUID)
-                             ? params->encodeConfig->encodeCodecConfig.h264Config.idrPeriod
-                             : params->encodeConfig->encodeCodecConfig.hevcConfig.idrPeriod;
+    fake().initParams = *params;
+    fake().config = *params->encodeConfig;
+    session.initialized = true;
+    const auto& codec = params->encodeConfig->encodeCodecConfig;
+    session.idrPeriod = same(params->encodeGUID, NV_ENC_CODEC_H264_GUID) ? codec.h264Config.idrPeriod
+                                                                          : codec.hevcConfig.idrPeriod;
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI createBitstream(void* encoder, NV_ENC_CREATE_BITSTREAM_BUFFER* params) {
-    ENTRY("nvEncCreateBitstreamBuffer");
-    SESSION(encoder);
-    VERSION(params->version, 1, false, "bitstream buffer");
-    if (!session->initialized) return breach("bitstream buffer before initialisation");
-    params->bitstreamBuffer = newHandle();
-    session->buffers[params->bitstreamBuffer];
-    return NV_ENC_SUCCESS;
-}
-
-NVENCSTATUS NVENCAPI destroyBitstream(void* encoder, NV_ENC_OUTPUT_PTR buffer) {
-    ENTRY("nvEncDestroyBitstreamBuffer");
-    SESSION(encoder);
-    if (!session->buffers.erase(buffer)) return breach("destroying an unknown bitstream buffer");
+    SESSION_ENTRY("nvEncCreateBitstreamBuffer", encoder);
+    VERSION(params->version, 1, false);
+    if (!session.initialized) return breach("bitstream buffer before initialisation");
+    session.objects[params->bitstreamBuffer = newHandle()].isBuffer = true;
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI registerResource(void* encoder, NV_ENC_REGISTER_RESOURCE* params) {
-    ENTRY("nvEncRegisterResource");
-    SESSION(encoder);
-    VERSION(params->version, 3, false, "resource registration");
+    SESSION_ENTRY("nvEncRegisterResource", encoder);
+    VERSION(params->version, 3, false);
     if (params->resourceType != NV_ENC_INPUT_RESOURCE_TYPE_CUDADEVICEPTR ||
         !device::api().isDevicePointer(params->resourceToRegister))
         return breach("registered resource is not CUDA device memory");
-    params->registeredResource = newHandle();
-    session->resources[params->registeredResource] = {*params, false};
+    session.objects[params->registeredResource = newHandle()].registration = *params;
     return NV_ENC_SUCCESS;
 }
 
-NVENCSTATUS NVENCAPI unregisterResource(void* encoder, NV_ENC_REGISTERED_PTR resource) {
-    ENTRY("nvEncUnregisterResource");
-    SESSION(encoder);
-    auto it = session->resources.find(resource);
-    if (it == session->resources.end()) return breach("unregistering an unknown resource");
-    if (it->second.mapped) return breach("unregistering a mapped resource");
-    session->resources.erase(it);
+// Buffers and resources go the same way; a mapped resource does not.
+NVENCSTATUS destroy(Session& session, void* handle, bool buffer) {
+    Object* object = find(session, handle, buffer);
+    if (!object || object->mapped) return breach("releasing an unknown or mapped object");
+    session.objects.erase(handle);
     return NV_ENC_SUCCESS;
+}
+NVENCSTATUS NVENCAPI destroyBitstream(void* encoder, NV_ENC_OUTPUT_PTR buffer) {
+    SESSION_ENTRY("nvEncDestroyBitstreamBuffer", encoder);
+    return destroy(session, buffer, true);
+}
+NVENCSTATUS NVENCAPI unregisterResource(void* encoder, NV_ENC_REGISTERED_PTR resource) {
+    SESSION_ENTRY("nvEncUnregisterResource", encoder);
+    return destroy(session, resource, false);
 }
 
 NVENCSTATUS NVENCAPI mapResource(void* encoder, NV_ENC_MAP_INPUT_RESOURCE* params) {
-    ENTRY("nvEncMapInputResource");
-    SESSION(encoder);
-    VERSION(params->version, 4, false, "input mapping");
-    auto it = session->resources.find(params->registeredResource);
-    if (it == session->resources.end() || it->second.mapped) return breach("mapping an unknown or mapped resource");
-    it->second.mapped = true;
+    SESSION_ENTRY("nvEncMapInputResource", encoder);
+    VERSION(params->version, 4, false);
+    Object* resource = find(session, params->registeredResource, false);
+    if (!resource || resource->mapped) return breach("mapping an unknown or mapped resource");
+    resource->mapped = true;
     params->mappedResource = static_cast<char*>(params->registeredResource) + 1;
-    params->mappedBufferFmt = it->second.registration.bufferFormat;
+    params->mappedBufferFmt = resource->registration.bufferFormat;
     return NV_ENC_SUCCESS;
 }
 
-FakeNvencSession::Resource* mappedResource(FakeNvencSession& session, void* mapped) {
-    auto it = session.resources.find(static_cast<char*>(mapped) - 1);
-    return it != session.resources.end() && it->second.mapped ? &it->second : nullptr;
-}
-
 NVENCSTATUS NVENCAPI unmapResource(void* encoder, NV_ENC_INPUT_PTR mapped) {
-    ENTRY("nvEncUnmapInputResource");
-    SESSION(encoder);
-    FakeNvencSession::Resource* resource = mappedResource(*session, mapped);
+    SESSION_ENTRY("nvEncUnmapInputResource", encoder);
+    Object* resource = mappedResource(session, mapped);
     if (!resource) return breach("unmapping what is not mapped");
     resource->mapped = false;
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
-    ENTRY("nvEncEncodePicture");
-    SESSION(encoder);
-    VERSION(pic->version, 4, true, "picture parameters");
+    SESSION_ENTRY("nvEncEncodePicture", encoder);
+    VERSION(pic->version, 4, true);
     if (pic->completionEvent) return breach("completion event in synchronous mode");
     auto finishPending = [&] {
-        for (auto& buffer : session->buffers)
-            if (buffer.second.pending) buffer.second.ready = !(buffer.second.pending = false);
-    };
-    if (pic->encodePicFlags & NV_ENC_PIC_FLAG_EOS) {
-        finishPending();
+        for (auto& object : session.objects)
+            if (object.second.pending) object.second.ready = !(object.second.pending = false);
         return NV_ENC_SUCCESS;
-    }
-    fake()->pictures.push_back(*pic);
-    FakeNvencSession::Resource* resource = mappedResource(*session, pic->inputBuffer);
-    auto buffer = session->buffers.find(pic->outputBitstream);
-    if (!session->initialized || !resource || buffer == session->buffers.end() || buffer->second.locked ||
-        buffer->second.pending)
+    };
+    if (pic->encodePicFlags & NV_ENC_PIC_FLAG_EOS) return finishPending();
+    Object* resource = mappedResource(session, pic->inputBuffer);
+    Object* buffer = find(session, pic->outputBitstream, true);
+    if (!session.initialized || !resource || !buffer || buffer->locked || buffer->pending)
         return breach("picture without initialised session, mapped input or free bitstream buffer");
     const NV_ENC_REGISTER_RESOURCE& surface = resource->registration;
     if (pic->bufferFmt != surface.bufferFormat || pic->inputWidth != surface.width ||
         pic->inputHeight != surface.height || pic->pictureStruct != NV_ENC_PIC_STRUCT_FRAME)
         return breach("picture does not match its input surface");
-    const uint32_t index = session->frames++;
-    const uint32_t idr = session->idrPeriod ? session->idrPeriod : UINT32_MAX;
-    const uint32_t type = index % idr == 0                                ? NV_ENC_PIC_TYPE_IDR
-                          : pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEINTRA ? NV_ENC_PIC_TYPE_I
-                                                                              : NV_ENC_PIC_TYPE_P;
-    const auto* bytes = static_cast<const uint8_t*>(surface.resourceToRegister);
-    const size_t padded = fake()->packetBytes.count(index) ? fake()->packetBytes[index] : 0;
-    buffer->second.bytes = FakeNvenc::payload(
-        index, type, FakeNvenc::surfaceHash(bytes, surface.pitch, surface.width, surface.height, surface.bufferFormat),
-        padded);
-    buffer->second.pictureType = type;
-    buffer->second.pending = true;
-    if (fake()->needMoreInput.count(index)) return NV_ENC_ERR_NEED_MORE_INPUT;
-    finishPending();
-    return NV_ENC_SUCCESS;
+    const uint32_t index = session.frames++;
+    buffer->pictureType = index % (session.idrPeriod ? session.idrPeriod : UINT32_MAX) == 0 ? NV_ENC_PIC_TYPE_IDR
+                          : pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEINTRA             ? NV_ENC_PIC_TYPE_I
+                                                                                         : NV_ENC_PIC_TYPE_P;
+    buffer->bytes = FakeNvenc::payload(index, buffer->pictureType,
+                                       static_cast<const uint8_t*>(surface.resourceToRegister), surface.pitch,
+                                       surface.width, surface.height, surface.bufferFormat,
+                                       fake().packetBytes.count(index) ? fake().packetBytes[index] : 0);
+    buffer->pending = true;
+    return fake().needMoreInput.count(index) ? NV_ENC_ERR_NEED_MORE_INPUT : finishPending();
 }
 
 NVENCSTATUS NVENCAPI lockBitstream(void* encoder, NV_ENC_LOCK_BITSTREAM* lock) {
-    ENTRY("nvEncLockBitstream");
-    SESSION(encoder);
-    VERSION(lock->version, 1, false, "bitstream lock");
-    auto buffer = session->buffers.find(lock->outputBitstream);
-    if (buffer == session->buffers.end() || buffer->second.locked || !buffer->second.ready)
-        return breach("locking an unknown, locked or unfinished bitstream buffer");
-    if (lock->doNotWait) return breach("non-blocking lock in synchronous mode");
-    buffer->second.locked = true;
-    buffer->second.ready = false;
-    lock->bitstreamBufferPtr = buffer->second.bytes.data();
-    lock->bitstreamSizeInBytes = static_cast<uint32_t>(buffer->second.bytes.size());
-    lock->pictureType = static_cast<NV_ENC_PIC_TYPE>(buffer->second.pictureType);
+    SESSION_ENTRY("nvEncLockBitstream", encoder);
+    VERSION(lock->version, 1, false);
+    Object* buffer = find(session, lock->outputBitstream, true);
+    if (!buffer || buffer->locked || !buffer->ready || lock->doNotWait)
+        return breach("locking an unknown, locked or unfinished bitstream buffer, or without waiting");
+    buffer->locked = true;
+    buffer->ready = false;
+    lock->bitstreamBufferPtr = buffer->bytes.data();
+    lock->bitstreamSizeInBytes = static_cast<uint32_t>(buffer->bytes.size());
+    lock->pictureType = static_cast<NV_ENC_PIC_TYPE>(buffer->pictureType);
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI unlockBitstream(void* encoder, NV_ENC_OUTPUT_PTR bitstream) {
-    ENTRY("nvEncUnlockBitstream");
-    SESSION(encoder);
-    auto buffer = session->buffers.find(bitstream);
-    if (buffer == session->buffers.end() || !buffer->second.locked) return breach("unlocking what is not locked");
-    buffer->second.locked = false;
+    SESSION_ENTRY("nvEncUnlockBitstream", encoder);
+    Object* buffer = find(session, bitstream, true);
+    if (!buffer || !buffer->locked) return breach("unlocking what is not locked");
+    buffer->locked = false;
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI destroyEncoder(void* encoder) {
-    ENTRY("nvEncDestroyEncoder");
-    SESSION(encoder);
-    if (!session->buffers.empty() || !session->resources.empty())
-        breach("session destroyed while holding buffers or registered resources (leak)");
-    fake()->sessions.erase(encoder);
+    SESSION_ENTRY("nvEncDestroyEncoder", encoder);
+    if (!session.objects.empty()) breach("session destroyed while holding buffers or registered resources (leak)");
+    sessions.erase(encoder);
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI maxSupportedVersion(uint32_t* version) {
     ENTRY("NvEncodeAPIGetMaxSupportedVersion");
-    *version = fake()->maxVersion;
+    *version = fake().maxVersion;
     return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI createInstance(NV_ENCODE_API_FUNCTION_LIST* list) {
     ENTRY("NvEncodeAPICreateInstance");
-    fake()->functionListApi = list->version & 0x0F00FFFFu;
-    if (list->version != nvencStructVersion(fake()->functionListApi, 2, false)) return breach("function list version");
+    functionListApi = list->version & 0x0F00FFFFu;
+    if (list->version != nvencStructVersion(functionListApi, 2, false)) return breach("function list version");
     list->nvEncOpenEncodeSessionEx = openSession;
     list->nvEncGetEncodeCaps = getCaps;
     list->nvEncGetEncodePresetConfig = getPreset;
@@ -301,19 +270,17 @@ NVENCSTATUS NVENCAPI createInstance(NV_ENCODE_API_FUNCTION_LIST* list) {
     return NV_ENC_SUCCESS;
 }
 
-NvencFunctions library;
-
 int loadLibrary(NvencFunctions** functions) {
-    if (fake()->failing.count("load")) return -1;
+    static NvencFunctions library;
+    if (fake().failing.count("load")) return -1;
     library.NvEncodeAPIGetMaxSupportedVersion = maxSupportedVersion;
     library.NvEncodeAPICreateInstance = createInstance;
     *functions = &library;
-    ++fake()->librariesLoaded;
+    ++fake().librariesLoaded;
     return 0;
 }
-
 void freeLibrary(NvencFunctions** functions) {
-    --fake()->librariesLoaded;
+    --fake().librariesLoaded;
     *functions = nullptr;
 }
 
@@ -325,28 +292,31 @@ FakeNvenc& fakeNvenc() {
 }
 
 DriverApi FakeNvenc::driverApi() {
+    sessions.clear();
     DriverApi api;
     api.loadNvenc = loadLibrary;
     api.freeNvenc = freeLibrary;
     return api;
 }
 
-uint64_t FakeNvenc::surfaceHash(const uint8_t* surface, uint32_t pitch, uint32_t width, uint32_t height,
-                                NV_ENC_BUFFER_FORMAT format) {
+size_t FakeNvenc::openSessions() const { return sessions.size(); }
+
+size_t FakeNvenc::callCount(const std::string& name) const {
+    size_t n = 0;
+    for (const std::string& call : calls) n += call == name;
+    return n;
+}
+
+std::vector<uint8_t> FakeNvenc::payload(uint32_t index, uint32_t type, const uint8_t* surface, uint32_t pitch,
+                                        uint32_t width, uint32_t height, NV_ENC_BUFFER_FORMAT format, size_t bytes) {
     const bool argb = format == NV_ENC_BUFFER_FORMAT_ARGB;
-    const size_t rowBytes = argb ? 4 * size_t(width) : width;
-    const size_t rows = argb ? height : height + (height + 1) / 2;
+    const size_t rowBytes = argb ? 4 * size_t(width) : width, rows = argb ? height : height + (height + 1) / 2;
     uint64_t hash = 14695981039346656037ull;  // FNV-1a
     for (size_t row = 0; row < rows; ++row)
         for (size_t i = 0; i < rowBytes; ++i) hash = (hash ^ surface[row * pitch + i]) * 1099511628211ull;
-    return hash;
-}
-
-std::vector<uint8_t> FakeNvenc::payload(uint32_t frameIndex, uint32_t pictureType, uint64_t hash, size_t bytes) {
-    std::vector<uint8_t> out(16);
-    std::memcpy(&out[0], &frameIndex, 4);
-    std::memcpy(&out[4], &pictureType, 4);
+    std::vector<uint8_t> out(std::max<size_t>(bytes, 16), 0);
+    std::memcpy(&out[0], &index, 4);
+    std::memcpy(&out[4], &type, 4);
     std::memcpy(&out[8], &hash, 8);
-    if (bytes > out.size()) out.resize(bytes, 0);
     return out;
 }

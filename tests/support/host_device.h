@@ -24,22 +24,24 @@ private:
     device::ScopedApi hostTable_{device::hostApi()};
 };
 
-// Device memory of the table in use, freed at scope end.
+// Device memory of the table in use holding `bytes`, freed at scope end.
 class DeviceBuffer {
 public:
-    explicit DeviceBuffer(size_t bytes) : bytes_(bytes) { device::api().allocate(&ptr_, bytes); }
+    explicit DeviceBuffer(const Bytes& bytes) : size_(bytes.size()) {
+        device::api().allocate(&ptr_, size_);
+        device::api().copy(ptr_, bytes.data(), size_, device::CopyKind::HostToDevice);
+    }
     ~DeviceBuffer() { device::api().free(ptr_); }
     DeviceBuffer(const DeviceBuffer&) = delete;
     DeviceBuffer& operator=(const DeviceBuffer&) = delete;
     uint8_t* get() const { return static_cast<uint8_t*>(ptr_); }
-    void upload(const Bytes& bytes) { device::api().copy(ptr_, bytes.data(), bytes.size(), device::CopyKind::HostToDevice); }
     Bytes download() const {
-        Bytes bytes(bytes_);
-        device::api().copy(bytes.data(), ptr_, bytes_, device::CopyKind::DeviceToHost);
+        Bytes bytes(size_);
+        device::api().copy(bytes.data(), ptr_, size_, device::CopyKind::DeviceToHost);
         return bytes;
     }
 
 private:
     void* ptr_ = nullptr;
-    size_t bytes_;
+    size_t size_;
 };

@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# Checks that the test suite catches small faults: each mutant below replaces one exact text
+# in one source file, the tree is built incrementally in build-mutants/ and ctest must fail.
+# Mutants are applied one at a time to a pristine tree; the file is restored afterwards, also
+# on Ctrl-C. Run on demand (about an hour on two cores), not in CI.
+#
+#   scripts/mutants.sh [NAME...]    all mutants, or only those named
+#
+# Results: KILLED (a test failed), SURVIVED (every test passed), STALE (the original text is
+# not in the file exactly once), BROKEN (the mutant does not build: fix the mutant).
+# Exits 0 only when every mutant run was killed.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+build=build-mutants
+jobs=$(nproc)
+
+# name @@ file @@ original text (must occur exactly once) @@ replacement
+mutants=$(cat <<'EOF'
+nvenc-map-version @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ mapInputResource.version = m_interface.structVersion(4); @@ mapInputResource.version = m_interface.structVersion(3);
+nvenc-dropped-unmap @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ NVENC_API_CALL(m_nvenc.nvEncUnmapInputResource(m_hEncoder, m_vMappedInputBuffers[m_iGot % m_nEncoderBuffer])); @@ (void)0;
+nvenc-ring-slot @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ lockBitstreamData.outputBitstream = m_vBitstreamOutputBuffer[m_iGot % m_nEncoderBuffer]; @@ lockBitstreamData.outputBitstream = m_vBitstreamOutputBuffer[(m_iGot + 1) % m_nEncoderBuffer];
+nvenc-frame-rows @@ src/NVCompression/NvCodec/NvEncoder/NvEncoderCuda.cpp @@ GetMaxEncodeHeight() + chromaRows, 16) @@ GetMaxEncodeHeight(), 16)
+hwenc-codec-guid @@ src/codec/HwEncoder.cpp @@ const GUID codecGuid = codec == 0 ? NV_ENC_CODEC_H264_GUID : NV_ENC_CODEC_HEVC_GUID; @@ const GUID codecGuid = codec == 0 ? NV_ENC_CODEC_HEVC_GUID : NV_ENC_CODEC_H264_GUID;
+hwenc-intra-type @@ src/codec/HwEncoder.cpp @@ picParams.encodePicFlags = NV_ENC_PIC_FLAG_FORCEINTRA | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS; @@ picParams.encodePicFlags = NV_ENC_PIC_FLAG_FORCEIDR | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS;
+hwenc-hevc-caps @@ src/codec/HwEncoder.cpp @@ if (codec == 1 && !probeEncoderCapabilities(context).hevc) return false; @@ (void)probeEncoderCapabilities;
+nvdec-dropped-unmap @@ src/NVCompression/NvCodec/NvDecoder/NvDecoder.cpp @@ NVDEC_API_CALL(cuvidUnmapVideoFrame(m_hDecoder, dpSrcFrame)); @@ (void)0;
+nvdec-chroma-origin @@ src/NVCompression/NvCodec/NvDecoder/NvDecoder.cpp @@ source + size_t(nSrcPitch) * m_surfaceHeight @@ source + size_t(nSrcPitch) * m_height
+hwdec-error-text @@ src/codec/HwDecoder.cpp @@ std::cout << "Failed to create decoder (" << e.what() @@ std::cout << "Failed to create the decoder (" << e.what()
+host-copy-pitch @@ src/device/device_api_host.cpp @@ static_cast<const uint8_t*>(src) + row * srcPitch @@ static_cast<const uint8_t*>(src) + row * dstPitch
+pack-staging-pitch @@ src/kernels/packing_launch.cpp @@ api.copy2D(staging.ptr, tight, src, srcPitch, tight, height, CopyKind::HostToDevice); @@ api.copy2D(staging.ptr, tight, src, tight, tight, height, CopyKind::HostToDevice);
+EOF
+)
+
+backup=$(mktemp -d)
+mutated=""
+restore() {
+  if [ -n "$mutated" ]; then
+    cp "$backup/original" "$mutated"
+    touch "$mutated"  # newer than the mutant's objects, so the next build recompiles it
+    mutated=""
+  fi
+}
+trap 'restore; rm -rf "$backup"' EXIT
+trap 'echo "mutants: interrupted" >&2; exit 130' INT TERM
+
+# Replaces the one occurrence of ORIGINAL in FILE; exit 3 when it is absent or repeated.
+apply() {
+  python3 - "$@" <<'PY'
+import sys
+path, original, replacement = sys.argv[1:4]
+text = open(path, encoding="utf-8").read()
+if text.count(original) != 1:
+    sys.exit(3)
+open(path, "w", encoding="utf-8").write(text.replace(original, replacement))
+PY
+}
+
+build_and_test() {
+  cmake --build "$build" -j"$jobs" >"$backup/build.log" 2>&1 || return 2
+  ctest --test-dir "$build" --stop-on-failure -j"$jobs" >"$backup/test.log" 2>&1 || return 1
+  return 0
+}
+
+cmake -S . -B "$build" -DZOQRV_CUDA_ARCHITECTURES=75-real -DZOQRV_BUILD_BENCH=OFF >/dev/null || exit 1
+echo "mutants: checking that the pristine tree passes"
+build_and_test
+case $? in
+  0) ;;
+  2) tail -n 30 "$backup/build.log"; echo "mutants: the pristine tree does not build" >&2; exit 1 ;;
+  *) tail -n 30 "$backup/test.log"; echo "mutants: the pristine tree fails its tests" >&2; exit 1 ;;
+esac
+
+total=0
+killed=0
+while IFS= read -r line; do
+  [ -z "$line" ] && continue
+  name=${line%% @@ *}; rest=${line#* @@ }
+  file=${rest%% @@ *}; rest=${rest#* @@ }
+  original=${rest%% @@ *}; replacement=${rest#* @@ }
+  if [ $# -gt 0 ] && [[ " $* " != *" $name "* ]]; then continue; fi
+  total=$((total + 1))
+  cp "$file" "$backup/original"
+  mutated=$file
+  if ! apply "$file" "$original" "$replacement"; then
+    mutated=""
+    printf '%-22s STALE     %s: original text not found exactly once\n' "$name" "$file"
+    continue
+  fi
+  build_and_test
+  result=$?
+  restore
+  case $result in
+    1) killed=$((killed + 1))
+       failed=$(sed -n '/tests FAILED:/,$p' "$backup/test.log" | grep -m1 -oE '[0-9]+ - [^ ]+' | cut -d' ' -f3)
+       printf '%-22s KILLED    %s (%s)\n' "$name" "$file" "${failed:-see ctest}" ;;
+    0) printf '%-22s SURVIVED  %s\n' "$name" "$file" ;;
+    *) printf '%-22s BROKEN    %s: the mutant does not build\n' "$name" "$file"
+       grep -m3 -E 'error' "$backup/build.log" | sed 's/^/    /' ;;
+  esac
+done <<<"$mutants"
+
+echo "$killed of $total mutants killed"
+# Leave the build matching the pristine tree.
+cmake --build "$build" -j"$jobs" >/dev/null 2>&1
+[ "$total" -gt 0 ] && [ "$killed" -eq "$total" ]
