@@ -6,6 +6,6 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${1:-$root/build-gpu}
 nvidia-smi -L || echo "nvidia-smi not available" >&2
 cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=Release
-cmake --build "$build_dir" -j"$(nproc)" --target test_gpu_kernels bench_kernels
-"$build_dir/tests/test_gpu_kernels"
+cmake --build "$build_dir" -j"$(nproc)" --target test_kernels bench_kernels
+"$build_dir/tests/test_kernels"
 "$build_dir/bench/bench_kernels" --benchmark_counters_tabular=true
