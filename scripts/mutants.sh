@@ -16,6 +16,31 @@ jobs=$(nproc)
 
 # name @@ file @@ original text (must occur exactly once) @@ replacement
 mutants=$(cat <<'EOF'
+api-null-text @@ src/api/zo_qrv64.cpp @@ const char kNullInstance[] = "Invalid ZoHwPipe instance NULL"; @@ const char kNullInstance[] = "Invalid ZoHwPipe instance null";
+api-decoder-type @@ src/api/zo_qrv64.cpp @@ case DecodeMode::Software: return 2; @@ case DecodeMode::Software: return 1;
+api-metadata-sample @@ src/api/zo_qrv64.cpp @@ if (!lookUpSampleInfo(*pipe, sample, info) || !outMetadata) return kFailed; @@ if (!lookUpSampleInfo(*pipe, sample + 1, info) || !outMetadata) return kFailed;
+qrv-sample-time @@ src/container/qrv_file.cpp @@ const uint64_t sampleTime = record.captureTime / 1000; @@ const uint64_t sampleTime = record.captureTime / 100;
+qrv-record-field @@ src/container/qrv_file.cpp @@ fwrite(&record.frameType, 4, 1, stream); @@ fwrite(&record.frameNumber, 4, 1, stream);
+qrv-index-reserved @@ src/container/qrv_file.cpp @@ for (QrvIndexEntry& entry : block) entry.reserved = 0; @@ for (QrvIndexEntry& entry : block) (void)entry;
+qrv-lookup-lower @@ src/container/qrv_file.cpp @@ if (sample < 1 || size_t(sample) >= infos.size()) return false; @@ if (sample < 0 || size_t(sample) >= infos.size()) return false;
+qrv-lookup-upper @@ src/container/qrv_file.cpp @@ if (sample < 1 || size_t(sample) >= infos.size()) return false; @@ if (sample < 1 || size_t(sample) > infos.size()) return false;
+qrv-key-walk-back @@ src/container/qrv_file.cpp @@ while (qrvAt(index, size_t(key)).frameType != kKeyFrameType && key > 0) --key; @@ while (qrvAt(index, size_t(key)).frameType != kKeyFrameType && key > 1) --key;
+qrv-last-record @@ src/container/qrv_file.cpp @@ if (!readFrameNumber(stream, int64_t(uint32_t(frameCount_ - 1)), head.frameNumber)) @@ if (!readFrameNumber(stream, int64_t(uint32_t(frameCount_)), head.frameNumber))
+annexb-zero-byte @@ src/container/annexb.cpp @@ const size_t unitStart = i > 0 && data[i - 1] == 0 ? i - 1 : i; @@ const size_t unitStart = i;
+annexb-h264-pps @@ src/container/annexb.cpp @@ kind.parameterSetBit = type == 7 ? 1 : type == 8 ? 2 : 0; @@ kind.parameterSetBit = type == 7 ? 1 : type == 8 ? 1 : 0;
+pack-nibble-order @@ src/kernels/packing_threads.h @@ sample = (x & 1) ? (pair >> 4) : (pair & 0x0F); @@ sample = (x & 1) ? (pair & 0x0F) : (pair >> 4);
+pack-chroma-rows @@ src/kernels/packing_threads.h @@ ZOQRV_HOST_DEVICE bool hasChromaRow(unsigned y, unsigned height) { return y < (height + 1) / 2; } @@ ZOQRV_HOST_DEVICE bool hasChromaRow(unsigned y, unsigned height) { return y < height / 2; }
+pack-uyvy-rounding @@ src/kernels/packing_threads.h @@ if (y + 1 < height) chroma = (chroma + row[srcPitch] + 1) >> 1; @@ if (y + 1 < height) chroma = (chroma + row[srcPitch]) >> 1;
+pack-nibble-grid @@ src/kernels/packing_geometry.cpp @@ const uint32_t columns = code == kUint4 ? (width >> 5) + 1 : (width >> 4) + 1; @@ const uint32_t columns = code == kUint4 ? (width >> 5) : (width >> 4) + 1;
+colour-matrix-weight @@ src/kernels/colour_matrix.cpp @@ {1.0, (1.0 - wb) / 0.5, 0.0}, @@ {1.0, (1.0 - wr) / 0.5, 0.0},
+colour-widening @@ src/kernels/colour_threads.h @@ return fromBits < toBits ? value * 257u : value >> 8; @@ return fromBits < toBits ? value * 256u : value >> 8;
+colour-v-offset @@ src/kernels/colour_threads.h @@ const int v = load<Sample>(chroma + sizeof(Sample)); @@ const int v = load<Sample>(chroma);
+nvcodec-separator @@ src/NVCompression/NvCodec/NvEncoder/NvCodecException.h @@ message << functionName << " : " << text << " at " << fileName << ":" << lineNo @@ message << functionName << " - " << text << " at " << fileName << ":" << lineNo
+nvenc-caps-width @@ src/NVCompression/NvCodec/NvEncoder/NvEncoderCapabilities.cpp @@ return maxWidth > 0; @@ return maxWidth >= 0;
+sw-yuyv-chroma @@ src/codec/SwDecoder.cpp @@ o[4 * i + 1] = cbRow[i]; @@ o[4 * i + 1] = crRow[i];
+sw-yuyv-width-check @@ src/codec/SwDecoder.cpp @@ if (w > uint32_t(de265_get_image_width(picture, 0)) || @@ if (false ||
+tool-error-stream @@ tools/zoqrv/main.cpp @@ fprintf(stderr, "zoqrv: %s\n", message.c_str()); @@ fprintf(stdout, "zoqrv: %s\n", message.c_str());
+tool-export-first @@ tools/zoqrv/export.cpp @@ for (size_t i = 0; i < tables.frameList.size(); ++i) { @@ for (size_t i = 1; i < tables.frameList.size(); ++i) {
 nvenc-map-version @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ mapInputResource.version = m_interface.structVersion(4); @@ mapInputResource.version = m_interface.structVersion(3);
 nvenc-dropped-unmap @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ NVENC_API_CALL(m_nvenc.nvEncUnmapInputResource(m_hEncoder, m_vMappedInputBuffers[m_iGot % m_nEncoderBuffer])); @@ (void)0;
 nvenc-ring-slot @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ lockBitstreamData.outputBitstream = m_vBitstreamOutputBuffer[m_iGot % m_nEncoderBuffer]; @@ lockBitstreamData.outputBitstream = m_vBitstreamOutputBuffer[(m_iGot + 1) % m_nEncoderBuffer];

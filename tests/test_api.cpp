@@ -1,104 +1,77 @@
-// The exported calls' argument checks and error texts, as a host application sees them.
+// The exported interface as a host application sees it: argument checks and error texts, container
+// calls, the library's exports, the encoder capability probe, the NVIDIA layers' exception texts.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
+#include "NVCompression/NvCodec/DriverApi.h"
+#include "NVCompression/NvCodec/NvEncoder/NvCodecException.h"
 #include "api/pipe.h"
-#include "support/temp_file.h"
-#include "zo_qrv64.h"
+#include "support.h"
 
-namespace {
-
-// Encoder creation needs NVENC; these pipes are assembled by hand around codec
-// objects that exist but are not ready, which is what the argument checks look at.
-std::unique_ptr<ZoHwPipe> encodingPipe() {
-    auto pipe = std::make_unique<ZoHwPipe>();
-    pipe->encoder = std::make_unique<HwEncoder>(3, 1, 0, 1000000, 64, 48, 30);
-    pipe->width = 64;
-    pipe->height = 48;
-    return pipe;
-}
-
-// A decoding pipe whose decoders can do nothing: hardware not ready, no software one.
-std::unique_ptr<ZoHwPipe> idleDecodingPipe() {
-    auto pipe = std::make_unique<ZoHwPipe>();
-    pipe->hwDecoder = std::make_unique<HwDecoder>(3, 1, 64, 48);
-    pipe->width = 64;
-    pipe->height = 48;
-    return pipe;
-}
-
-struct DecodeOutputs {
-    uint8_t frame[64 * 48 * 4] = {};
-    uint32_t frameNumber = 0;
-    uint64_t captureTime = 0;
-    uint32_t frameType = 0;
-    uint8_t metadata[256] = {};
-};
-
-uint32_t decodeFrame(ZoHwPipe* pipe, FILE* stream, DecodeOutputs& out) {
-    return ZOHW_DecodeFrameAndMetadata(pipe, stream, out.frame, &out.frameNumber,
-                                       &out.captureTime, &out.frameType, out.metadata);
-}
-
-std::string libraryText() { return ZOHW_GetError(nullptr); }
-
-// Each call fails and leaves `text` in the pipe's slot, which is cleared in between.
-void expectEachFailsWith(ZoHwPipe& pipe, const std::vector<std::function<uint32_t()>>& calls,
-                         const std::string& text) {
-    for (size_t i = 0; i < calls.size(); ++i) {
-        pipe.error.clear();
-        EXPECT_EQ(calls[i](), 1u) << "call " << i;
-        EXPECT_EQ(pipe.error, text) << "call " << i;
-    }
-}
-
-}  // namespace
-
-TEST(NullPipe, EveryInstanceCallFailsWithTheLibraryWideText) {
-    const std::string text = "Invalid ZoHwPipe instance NULL";
-    uint64_t size = 0, timestamp = 5;
-    uint8_t buffer[256];
-    DecodeOutputs out;
-    TempFile file;
-    FILE* stream = file.open("w+b");
-    ASSERT_NE(stream, nullptr);
-
-    const auto expectFailure = [&](uint32_t result, const char* call) {
-        EXPECT_EQ(result, 1u) << call;
-        EXPECT_EQ(libraryText(), text) << call;
-        setLibraryError("");
+// Each instance call fails on a null pipe (library-wide text), on a pipe of the other role (the
+// pipe's text) and on a decoding pipe without a working decoder (earlier text kept), touching
+// neither the file nor the outputs. Pipes are assembled around codec objects that are not ready.
+TEST(PipeChecks, EveryInstanceCallChecksItsPipe) {
+    EXPECT_STREQ(ZOHW_GetError(nullptr), "") << "a fresh process has no error text";
+    TestFile file = openBytes({1, 0, 0, 0});
+    FILE* f = file.get();
+    uint8_t buffer[64 * 48 * 4] = {};
+    uint64_t size = 77, time = 5, capture = 0;
+    uint32_t number = 0, type = 0;
+    const std::vector<std::tuple<const char*, bool, std::function<uint32_t(ZoHwPipe*)>>> calls = {
+        {"Encode", false, [&](ZoHwPipe* p) { return ZOHW_Encode(p, &size, buffer, 64, buffer); }},
+        {"Encode_And_Store", false, [&](ZoHwPipe* p) { return ZOHW_Encode_And_Store(p, f, &size, buffer, 64, 1, 0, 0); }},
+        {"CreateQRVContainer", false, [&](ZoHwPipe* p) { return ZOHW_CreateQRVContainer(p, f, buffer, 4); }},
+        {"CloseQRVContainer", false, [&](ZoHwPipe* p) { return ZOHW_CloseQRVContainer(p, f); }},
+        {"Decode", true, [&](ZoHwPipe* p) { return ZOHW_Decode(p, buffer, 4, buffer); }},
+        {"DecodeFrameAndMetadata", true,
+         [&](ZoHwPipe* p) { return ZOHW_DecodeFrameAndMetadata(p, f, buffer, &number, &capture, &type, buffer); }},
+        {"StartDecoding", true, [&](ZoHwPipe* p) { return ZOHW_StartDecoding(p, buffer); }},
+        {"CreateQRVTracker", true, [&](ZoHwPipe* p) { return ZOHW_CreateQRVTracker(p, f); }},
+        {"SetHEVCPositionInFile", true, [&](ZoHwPipe* p) { return ZOHW_SetHEVCPositionInFile(p, f, 0); }},
+        {"GetMetadataForSample", true, [&](ZoHwPipe* p) { return ZOHW_GetMetadataForSample(p, f, buffer, 1); }},
+        // A failed timestamp query also writes 0.
+        {"GetTimeStampForSample", true, [&](ZoHwPipe* p) { return ZOHW_GetTimeStampForSample(p, f, 1, &time) + time; }},
+        // Without an output the pipe is still checked first.
+        {"GetTimeStampForSample(null)", true, [&](ZoHwPipe* p) { return ZOHW_GetTimeStampForSample(p, f, 1, nullptr); }},
+        {"GetDecoderType", true, [&](ZoHwPipe* p) { return ZOHW_GetDecoderType(p) == 0 ? 1u : 0u; }},
     };
-    expectFailure(ZOHW_Encode(nullptr, &size, buffer, 64, buffer), "Encode");
-    expectFailure(ZOHW_Encode_And_Store(nullptr, stream, &size, buffer, 64, 1, nullptr, 0),
-                  "Encode_And_Store");
-    expectFailure(ZOHW_Decode(nullptr, buffer, sizeof buffer, buffer), "Decode");
-    expectFailure(decodeFrame(nullptr, stream, out), "DecodeFrameAndMetadata");
-    expectFailure(ZOHW_StartDecoding(nullptr, buffer), "StartDecoding");
-    expectFailure(ZOHW_GetMetadataForSample(nullptr, stream, buffer, 1), "GetMetadataForSample");
-    expectFailure(ZOHW_GetTimeStampForSample(nullptr, stream, 1, &timestamp),
-                  "GetTimeStampForSample");
-    EXPECT_EQ(timestamp, 0u) << "the timestamp is cleared before any check";
-    expectFailure(ZOHW_GetTimeStampForSample(nullptr, stream, 1, nullptr), "GetTimeStampForSample");
-    expectFailure(ZOHW_SetHEVCPositionInFile(nullptr, stream, 0), "SetHEVCPositionInFile");
-    expectFailure(ZOHW_CreateQRVContainer(nullptr, stream, buffer, 4), "CreateQRVContainer");
-    expectFailure(ZOHW_CloseQRVContainer(nullptr, stream), "CloseQRVContainer");
-    expectFailure(ZOHW_CreateQRVTracker(nullptr, stream), "CreateQRVTracker");
-
-    EXPECT_EQ(ZOHW_GetDecoderType(nullptr), 0u);
-    EXPECT_EQ(libraryText(), text);
+    ZoHwPipe encoding, decoding;
+    encoding.encoder = std::make_unique<HwEncoder>(3, 1, 0, 1000000, 64, 48, 30);
+    decoding.hwDecoder = std::make_unique<HwDecoder>(3, 1, 64, 48);
+    for (const auto& [name, decoderCall, call] : calls) {
+        SCOPED_TRACE(name);
+        setLibraryError("");
+        EXPECT_EQ(call(nullptr), 1u);
+        EXPECT_STREQ(ZOHW_GetError(nullptr), "Invalid ZoHwPipe instance NULL");
+        ZoHwPipe& otherRole = decoderCall ? encoding : decoding;
+        otherRole.error.clear();
+        EXPECT_EQ(call(&otherRole), 1u);
+        EXPECT_EQ(otherRole.error, decoderCall ? "Invalid ZoHwPipe decoder." : "Invalid ZoHwPipe encoder.");
+        decoding.error = "kept";
+        EXPECT_EQ(decoderCall ? call(&decoding) : 1u, 1u);
+        EXPECT_EQ(decoding.error, "kept");
+    }
+    EXPECT_EQ(std::make_tuple(size, readAll(f), ZOHW_GetVersion()), std::make_tuple(77u, Bytes{1, 0, 0, 0}, 100u));
     ZOHW_Destroy(nullptr);
-    std::fclose(stream);
-    EXPECT_TRUE(file.read().empty()) << "nothing was written through a null pipe";
+    // Container calls write the header as given and the index; nothing is stored while no encoder is ready.
+    TestFile qrv = openBytes({});
+    const uint8_t header[5] = {'Q', 'R', 'V', 0, 9};
+    encoding.error = "kept";
+    for (int32_t bytes : {0, -1, 5}) EXPECT_EQ(ZOHW_CreateQRVContainer(&encoding, qrv.get(), header, bytes), bytes < 0);
+    for (FILE* stream : {(FILE*)nullptr, qrv.get()}) {
+        EXPECT_EQ(ZOHW_CreateQRVContainer(&encoding, stream, stream ? nullptr : header, 5), 1u);
+        EXPECT_EQ(ZOHW_Encode_And_Store(&encoding, stream, &size, header, 64, 1999, nullptr, 0), 1u);
+        EXPECT_EQ(ZOHW_CloseQRVContainer(&encoding, stream), stream ? 0u : 1u);
+    }
+    EXPECT_EQ(std::make_tuple(size, readAll(qrv.get()), encoding.error),
+              std::make_tuple(0u, Bytes{'Q', 'R', 'V', 0, 9, 0, 0, 0, 0}, "kept"));  // no index entries, count 0
 }
 
 // Calls failing on several threads at once leave a whole text behind, never a torn or freed one.
-TEST(NullPipe, ParallelFailuresLeaveAWholeText) {
+TEST(PipeChecks, ParallelFailuresLeaveAWholeText) {
     const std::string nullInstance = "Invalid ZoHwPipe instance NULL";
     const std::string noEncoder = "unsupported hardware or codec for encoding";
     std::vector<std::thread> threads;
@@ -114,131 +87,92 @@ TEST(NullPipe, ParallelFailuresLeaveAWholeText) {
     for (std::thread& thread : threads) thread.join();
 }
 
-TEST(Creation, EncoderCreationFailsQuietlyWithoutNvenc) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ZOHW_CreateEncoder(3, 1, 0, 640, 480, 4000000, 30), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(libraryText(), "unsupported hardware or codec for encoding");
+TEST(SharedLibrary, ExportsExactlyTheCInterfaceAndNeedsNoDriver) {
+    const std::string library = ZOQRV_BINARY_DIR "/libzo_qrv64.so";
+    std::string symbols, needed;
+    ASSERT_EQ(runCommand("nm -D --defined-only " + library + " -j | cut -d@ -f1 | LC_ALL=C sort | xargs", &symbols), 0);
+    EXPECT_EQ(symbols, "NvOptimusEnablementCuda ZOHW_CloseQRVContainer ZOHW_CreateDecoder ZOHW_CreateEncoder "
+                       "ZOHW_CreateQRVContainer ZOHW_CreateQRVTracker ZOHW_Decode ZOHW_DecodeFrameAndMetadata ZOHW_Destroy "
+                       "ZOHW_Encode ZOHW_Encode_And_Store ZOHW_GetDecoderType ZOHW_GetEncCapabilities ZOHW_GetError "
+                       "ZOHW_GetMetadataForSample ZOHW_GetTimeStampForSample ZOHW_GetVersion ZOHW_SetHEVCPositionInFile "
+                       "ZOHW_StartDecoding\n");
+    ASSERT_EQ(runCommand("readelf -d " + library + " | grep NEEDED", &needed), 0);
+    ASSERT_NE(needed.find("libc.so"), std::string::npos) << needed;
+    for (const char* driver : {"libcuda.so", "libnvcuvid", "libnvidia-encode", "libcudart"})
+        EXPECT_EQ(needed.find(driver), std::string::npos) << needed;
 }
 
-TEST(PipeRoles, DecoderCallsOnAnEncodingPipeFail) {
-    auto pipe = encodingPipe();
-    TempFile file;
-    FILE* stream = file.open("w+b");
-    uint8_t buffer[256];
-    uint64_t timestamp = 9;
-    DecodeOutputs out;
-    const std::string text = "Invalid ZoHwPipe decoder.";
+namespace {
+struct FakeDriver {
+    uint32_t maxVersion;
+    int h264Width, hevcWidth, destroyResult;
+    bool loads;
+    uint32_t h264, hevc;                                // the flags expected
+    int opens, sessions = 0, destroyed = 0, freed = 0;  // the sessions expected; what the probe did
+}* fake;
+int contextStorage, encoderStorage;
+NvencFunctions nvencTable;
 
-    EXPECT_EQ(ZOHW_GetDecoderType(pipe.get()), 0u);
-    EXPECT_EQ(ZOHW_GetError(pipe.get()), text);
-    pipe->error.clear();
-    const std::vector<std::function<uint32_t()>> calls = {
-        [&] { return decodeFrame(pipe.get(), stream, out); },
-        [&] { return ZOHW_Decode(pipe.get(), buffer, 4, buffer); },
-        [&] { return ZOHW_StartDecoding(pipe.get(), buffer); },
-        [&] { return ZOHW_CreateQRVTracker(pipe.get(), stream); },
-        [&] { return ZOHW_SetHEVCPositionInFile(pipe.get(), stream, 0); },
-        [&] { return ZOHW_GetMetadataForSample(pipe.get(), stream, buffer, 1); },
-        [&] { return ZOHW_GetTimeStampForSample(pipe.get(), stream, 1, &timestamp); }};
-    expectEachFailsWith(*pipe, calls, text);
-    EXPECT_EQ(timestamp, 0u);
-    std::fclose(stream);
+template <class E, class Throw>
+std::pair<std::string, int> caught(Throw f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return {e.what(), e.getErrorCode()};
+    }
+    return {"nothing thrown", 0};
+}
+}  // namespace
+
+TEST(EncCapabilities, ProbeAgainstFakeDrivers) {
+    FakeDriver cases[] = {{0x81, 4096, 0, 0, true, 1, 0, 1}, {0x90, 0, 8192, 0, true, 0, 1, 1},
+                          {0x80, 4096, 4096, 0, true, 0, 0, 0},      // a driver older than NVENC 8.1
+                          {0x81, 4096, 4096, 201, false, 0, 0, 0}};  // no NVENC: the context destruction's result
+    CudaFunctions cuda = {};
+    cuda.cuInit = [](unsigned int) { return CUDA_SUCCESS; };
+    cuda.cuDeviceGet = [](CUdevice* device, int ordinal) { return *device = ordinal, CUDA_SUCCESS; };
+    cuda.cuCtxCreate = [](CUcontext* c, unsigned int, CUdevice) { return *c = CUcontext(&contextStorage), CUDA_SUCCESS; };
+    cuda.cuCtxDestroy = [](CUcontext c) { return CUresult(c == CUcontext(&contextStorage) ? fake->destroyResult : 999); };
+    nvencTable.NvEncodeAPIGetMaxSupportedVersion = [](uint32_t* version) { return *version = fake->maxVersion, NV_ENC_SUCCESS; };
+    nvencTable.NvEncodeAPICreateInstance = [](NV_ENCODE_API_FUNCTION_LIST* list) {
+        list->nvEncOpenEncodeSessionEx = [](NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
+            const bool cuda = params->deviceType == NV_ENC_DEVICE_TYPE_CUDA && params->device == &contextStorage;
+            return ++fake->sessions, *encoder = cuda ? &encoderStorage : nullptr, NV_ENC_SUCCESS;
+        };
+        list->nvEncGetEncodeCaps = [](void* encoder, GUID codec, NV_ENC_CAPS_PARAM* query, int* value) {
+            const bool asked = encoder == &encoderStorage && query->capsToQuery == NV_ENC_CAPS_WIDTH_MAX;
+            *value = !asked ? -1 : !memcmp(&codec, &NV_ENC_CODEC_H264_GUID, 16) ? fake->h264Width
+                               : !memcmp(&codec, &NV_ENC_CODEC_HEVC_GUID, 16) ? fake->hevcWidth : -1;
+            return NV_ENC_SUCCESS;
+        };
+        list->nvEncDestroyEncoder = [](void*) { return ++fake->destroyed, NV_ENC_SUCCESS; };
+        return NV_ENC_SUCCESS;
+    };
+    DriverApi api;
+    api.cuda = &cuda;
+    api.loadNvenc = [](NvencFunctions** functions) { return *functions = &nvencTable, fake->loads ? 0 : -1; };
+    api.freeNvenc = [](NvencFunctions** functions) { ++fake->freed, *functions = nullptr; };
+    ScopedDriverApi scoped(api);
+    for (FakeDriver& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        fake = &c;
+        uint32_t h264 = 7, hevc = 7;
+        EXPECT_EQ(ZOHW_GetEncCapabilities(&h264, &hevc), uint32_t(c.destroyResult));
+        EXPECT_EQ(std::make_pair(h264, hevc), std::make_pair(c.h264, c.hevc));
+        EXPECT_EQ(std::make_tuple(c.sessions, c.destroyed, c.freed), std::make_tuple(c.opens, c.opens, int(c.loads)));
+    }
 }
 
-TEST(PipeRoles, EncoderCallsOnADecodingPipeFail) {
-    auto pipe = idleDecodingPipe();
-    TempFile file;
-    FILE* stream = file.open("w+b");
-    uint8_t buffer[256] = {};
-    uint64_t size = 77;
-    const std::string text = "Invalid ZoHwPipe encoder.";
-    const std::vector<std::function<uint32_t()>> calls = {
-        [&] { return ZOHW_Encode(pipe.get(), &size, buffer, 64, buffer); },
-        [&] { return ZOHW_Encode_And_Store(pipe.get(), stream, &size, buffer, 64, 1, nullptr, 0); },
-        [&] { return ZOHW_CreateQRVContainer(pipe.get(), stream, buffer, 8); },
-        [&] { return ZOHW_CloseQRVContainer(pipe.get(), stream); }};
-    expectEachFailsWith(*pipe, calls, text);
-    EXPECT_EQ(size, 77u) << "the size is not touched before the checks pass";
-    std::fclose(stream);
-    EXPECT_TRUE(file.read().empty());
-}
-
-TEST(PipeRoles, ADecodingPipeWithoutAWorkingDecoderFailsWithoutText) {
-    auto pipe = idleDecodingPipe();
-    pipe->error = "earlier failure";
-    TempFile file;
-    file.write({1, 0, 0, 0});
-    FILE* stream = file.open("rb");
-    uint8_t buffer[256];
-    uint64_t timestamp = 3;
-    DecodeOutputs out;
-
-    EXPECT_EQ(ZOHW_GetDecoderType(pipe.get()), 0u);
-    EXPECT_EQ(ZOHW_StartDecoding(pipe.get(), buffer), 1u);
-    EXPECT_EQ(ZOHW_CreateQRVTracker(pipe.get(), stream), 1u);
-    EXPECT_EQ(decodeFrame(pipe.get(), stream, out), 1u);
-    EXPECT_EQ(ZOHW_SetHEVCPositionInFile(pipe.get(), stream, 0), 1u);
-    EXPECT_EQ(ZOHW_GetTimeStampForSample(pipe.get(), stream, 1, &timestamp), 1u);
-    EXPECT_EQ(timestamp, 0u);
-    EXPECT_EQ(ZOHW_GetMetadataForSample(pipe.get(), stream, buffer, 1), 1u);
-    EXPECT_EQ(ZOHW_Decode(pipe.get(), buffer, sizeof buffer, buffer), 1u);
-    EXPECT_EQ(ZOHW_GetError(pipe.get()), std::string("earlier failure"));
-    EXPECT_EQ(std::ftell(stream), 0) << "no call read the file";
-    std::fclose(stream);
-}
-
-TEST(PipeRoles, DecodeOnAPipeWithoutHardwareDecoderFails) {
-    auto pipe = std::make_unique<ZoHwPipe>();
-    pipe->swDecoder = std::make_unique<SwDecoder>(64, 48, 0);
-    uint8_t buffer[16] = {};
-    EXPECT_EQ(ZOHW_Decode(pipe.get(), buffer, sizeof buffer, buffer), 1u);
-}
-
-TEST(Arguments, NullStreamsAndOutputsFailAndKeepTheEarlierText) {
-    auto decoding = idleDecodingPipe();
-    auto encoding = encodingPipe();
-    decoding->error = "kept";
-    encoding->error = "kept";
-    uint8_t buffer[256];
-    uint64_t timestamp = 1;
-    DecodeOutputs out;
-    EXPECT_EQ(decodeFrame(decoding.get(), nullptr, out), 1u);
-    EXPECT_EQ(ZOHW_StartDecoding(decoding.get(), nullptr), 1u);
-    EXPECT_EQ(ZOHW_CreateQRVTracker(decoding.get(), nullptr), 1u);
-    EXPECT_EQ(ZOHW_SetHEVCPositionInFile(decoding.get(), nullptr, 0), 1u);
-    EXPECT_EQ(ZOHW_GetMetadataForSample(decoding.get(), nullptr, buffer, 1), 1u);
-    EXPECT_EQ(ZOHW_GetTimeStampForSample(decoding.get(), nullptr, 1, &timestamp), 1u);
-    EXPECT_EQ(ZOHW_GetTimeStampForSample(decoding.get(), stdin, 1, nullptr), 1u);
-    EXPECT_EQ(ZOHW_CreateQRVContainer(encoding.get(), nullptr, buffer, 4), 1u);
-    EXPECT_EQ(ZOHW_CloseQRVContainer(encoding.get(), nullptr), 1u);
-    EXPECT_EQ(ZOHW_GetError(decoding.get()), std::string("kept"));
-    EXPECT_EQ(ZOHW_GetError(encoding.get()), std::string("kept"));
-}
-
-TEST(Container, HeaderIsWrittenAsGivenAndASuccessKeepsTheEarlierText) {
-    auto pipe = encodingPipe();
-    uint64_t size = 0;
-    uint8_t frame[64 * 48] = {};
-    EXPECT_EQ(ZOHW_Decode(reinterpret_cast<ZoHwPipe*>(pipe.get()), frame, 4, frame), 1u);
-    const std::string text = ZOHW_GetError(pipe.get());
-    ASSERT_EQ(text, "Invalid ZoHwPipe decoder.");
-
-    TempFile file;
-    FILE* stream = file.open("w+b");
-    const uint8_t header[5] = {'Q', 'R', 'V', 0, 9};
-    EXPECT_EQ(ZOHW_CreateQRVContainer(pipe.get(), stream, header, 0), 0u);
-    std::fflush(stream);
-    EXPECT_TRUE(file.read().empty()) << "a header of 0 bytes writes nothing";
-    EXPECT_EQ(ZOHW_CreateQRVContainer(pipe.get(), stream, header, -1), 1u);
-    EXPECT_EQ(ZOHW_CreateQRVContainer(pipe.get(), stream, header, 5), 0u);
-    // No encoder is ready here, so nothing is encoded and no record is written.
-    EXPECT_EQ(ZOHW_Encode_And_Store(pipe.get(), stream, &size, frame, 64, 1999, nullptr, 0), 1u);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(ZOHW_CloseQRVContainer(pipe.get(), stream), 0u);
-    EXPECT_EQ(ZOHW_CloseQRVContainer(pipe.get(), stream), 0u) << "closing twice writes the index twice";
-    std::fclose(stream);
-    const std::vector<uint8_t> expected = {'Q', 'R', 'V', 0, 9, 0, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(file.read(), expected);
-    EXPECT_EQ(ZOHW_GetError(pipe.get()), text);
+// "<function> : <text> at <file>:<line>\n", the function named from the compiler's signature; a
+// checked call's text quotes the call and its status; each layer throws its own type.
+TEST(CodecExceptions, MessagesNameTheFunctionTheTextAndTheThrowSite) {
+    EXPECT_STREQ(NVDECException::make("Codec not supported", 801, "NvDecoder::Decode", "NvDecoder.cpp", 150).what(),
+                 "NvDecoder::Decode : Codec not supported at NvDecoder.cpp:150\n");
+    EXPECT_EQ(qualifiedFunctionName("virtual int NvEncoder::CreateEncoder(const P*) const"), "NvEncoder::CreateEncoder");
+    const std::string line = std::to_string(__LINE__ + 1);
+    const auto [text, code] = caught<NVENCException>([] { const int status = 15; NVENC_API_CALL(status); });
+    EXPECT_EQ(text.substr(text.find(" : ")), " : status returned error 15 at " __FILE__ ":" + line + "\n");
+    EXPECT_EQ(code, 15);
+    EXPECT_EQ(caught<NVENCException>([] { NVENC_API_CALL(0); }).first, "nothing thrown");
+    EXPECT_THROW(caught<NVENCException>([] { NVDEC_API_CALL(1); }), NVDECException);
 }

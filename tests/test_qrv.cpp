@@ -1,0 +1,218 @@
+// QRV files: the writer against a byte-by-byte builder, the hardware reader's walks, and damaged files,
+// which must fail cleanly with bounded work.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "support.h"
+
+namespace {
+Bytes payloadOf(size_t record) { return Bytes(5 + record, uint8_t(record)); }
+uint64_t timeOf(size_t record) { return 5000 + record * 1333; }
+uint32_t typeOf(size_t record, size_t keyint) { return record % keyint == 0 ? kKeyFrameType : 2; }
+
+// Records numbered 1..count, a key frame every `keyint`, after a header longer than any frame
+// number, so that an index entry read as a record is refused.
+QrvBuilder recordsWith(size_t count, size_t keyint, Bytes header = Bytes(32, 0xEE)) {
+    QrvBuilder builder(std::move(header));
+    for (size_t r = 0; r < count; ++r) builder.add(uint32_t(r + 1), timeOf(r), typeOf(r, keyint), payloadOf(r));
+    return builder;
+}
+
+bool same(const QrvSampleInfo& a, const QrvSampleInfo& b) { return memcmp(&a, &b, sizeof a) == 0; }
+
+// The hardware reader on one file; its decode step logs payloads and returns `results` (then 1).
+struct Walk {
+    explicit Walk(const Bytes& bytes) : file(openBytes(bytes)) { EXPECT_TRUE(reader.readIndex(file.get())); }
+    QrvDecodeStep step() {
+        return [this](const uint8_t* payload, uint32_t bytes, void*) {
+            decoded.emplace_back(payload, payload + bytes);
+            return decoded.size() <= results.size() ? results[decoded.size() - 1] : 1;
+        };
+    }
+    int next(uint32_t w = 8, uint32_t h = 8) {
+        return reader.decodeNextRecord(file.get(), nullptr, &frameNumber, &captureTime, &frameType,
+                                       reinterpret_cast<uint8_t*>(&info), w, h, step());
+    }
+    bool seek(int32_t sample) { return reader.seekToSample(file.get(), sample, 8, 8, step()); }
+    int64_t position() const { return ftello(file.get()); }
+    void moveTo(uint64_t offset) { ASSERT_EQ(fseeko(file.get(), off_t(offset), SEEK_SET), 0); }
+    TestFile file;
+    QrvHardwareReader reader;
+    std::vector<Bytes> decoded;
+    std::vector<int> results;
+    uint32_t frameNumber = 0, frameType = 0;
+    uint64_t captureTime = 0;
+    QrvSampleInfo info{};
+};
+
+// Reads `bytes` with both readers and walks over it: tables and record reads stay within what the file
+// holds and every walk ends. Returns whether each reader accepted the file.
+std::pair<bool, bool> readDamaged(const Bytes& bytes, QrvHardwareReader& hardware) {
+    TestFile file = openBytes(bytes);
+    QrvSoftwareIndex software;
+    const bool hw = hardware.readIndex(file.get()), sw = qrvReadSoftwareIndex(file.get(), software);
+    EXPECT_LE(hardware.index().capacity() * 16 + 4, std::max<size_t>(bytes.size(), 4));
+    EXPECT_LE(software.frameList.capacity() * 16 + 4, std::max<size_t>(bytes.size(), 4));
+    size_t decodes = 0;
+    const QrvDecodeStep decode = [&](const uint8_t*, uint32_t, void*) { return ++decodes, 1; };
+    QrvSoftwareRecord record;
+    Bytes payload(sizeof(QrvSampleInfo));  // also takes the sample info of the hardware walk
+    for (const QrvIndexEntry& entry : hardware.index()) {
+        Bytes whole;
+        qrvReadRecordAt(file.get(), entry.recordOffset, record.head, record.payloadBytes, &whole);
+        EXPECT_LE(whole.capacity(), bytes.size());
+        if (fseeko(file.get(), off_t(entry.recordOffset), SEEK_SET) == 0)
+            qrvReadSoftwareRecord(file.get(), 5, payload.data(), payload.size(), record);
+    }
+    const size_t n = hardware.index().size();
+    for (int step = 0; hw && step < 8; ++step)
+        hardware.decodeNextRecord(file.get(), nullptr, &record.head.frameNumber, &record.head.captureTime,
+                                  &record.head.frameType, payload.data(), 16, 16, decode);
+    for (size_t sample = 0; hw && sample < n; ++sample) hardware.seekToSample(file.get(), int32_t(sample), 16, 16, decode);
+    EXPECT_LE(decodes, 8 + n * n);
+    return {hw, sw};
+}
+}  // namespace
+
+// Sample time = capture time / 1000; reserved index words are written as 0; a null pointer or a
+// count <= 0 writes no metadata.
+TEST(QrvWriter, MatchesTheBuilderByteForByte) {
+    TestFile file = openBytes({'H', 'D', 'R', 0, 7});
+    fseeko(file.get(), 0, SEEK_END);
+    QrvBuilder expected({'H', 'D', 'R', 0, 7});
+    std::vector<QrvIndexEntry> index;
+    const uint64_t times[] = {1999, 0, 123456789012345ull, 999};
+    for (uint32_t i = 0; i < 4; ++i) {
+        const Bytes payload = randomBytes(i == 3 ? 4097 : i * 100, i);
+        const QrvSampleInfo info = testSampleInfo(0, i);
+        index.push_back({uint64_t(ftello(file.get())), i == 0 ? kKeyFrameType : 1, 0xDEADBEEF});
+        qrvWriteRecord(file.get(), {i + 1, times[i], index.back().frameType, payload.data(), payload.size(),
+                                    reinterpret_cast<const uint32_t*>(info.metadata), 64});
+        expected.add(i + 1, times[i], index.back().frameType, payload);
+    }
+    qrvWriteIndex(file.get(), index, 4);
+    EXPECT_EQ(readAll(file.get()), expected.bytes());
+    const uint32_t words[3] = {0x04030201, 0x08070605, 0x0C0B0A09};
+    for (auto [metadata, count] : {std::pair<const uint32_t*, int32_t>{words, 3}, {words, 0}, {words, -1}, {nullptr, 3}}) {
+        TestFile record = openBytes({});
+        qrvWriteRecord(record.get(), {7, 2500, 1, reinterpret_cast<const uint8_t*>("\xAB\xCD"), 2, metadata, count});
+        Bytes bytes = {7, 0, 0, 0, 0xC4, 9, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 0xAB, 0xCD, 2, 0, 0, 0, 0, 0, 0, 0};
+        for (uint8_t b = 1; metadata && count > 0 && b <= 12; ++b) bytes.push_back(b);
+        EXPECT_EQ(readAll(record.get()), bytes) << count;
+    }
+}
+
+// The hardware reader keeps N - 1 sample infos (of records 0..N-2) and serves samples 1..N-2.
+// Sequential reading: decode results below 1 and payloads above 4 bytes a pixel (skipped) give no
+// frame, yet the sample info is read; a frame number above N - 1 (the last record's, or an index
+// entry read as one) is refused and the stream left in place. Seeking decodes from the nearest key
+// frame, leaves the stream at the sample and fails when a decode fails.
+TEST(QrvHardwareReader, LookupsSequentialReadingAndSeeking) {
+    QrvBuilder builder = recordsWith(6, 3);
+    builder.add(1, 9000, 2, payloadOf(6));
+    Bytes bytes = builder.bytes();
+    putLittleEndian(bytes, builder.recordOffset(5), 7, 4);  // N
+    Walk walk(bytes);
+    ASSERT_TRUE(walk.reader.readIndex(openBytes(recordsWith(12, 1).bytes()).get()) && walk.reader.readIndex(walk.file.get()));
+    ASSERT_EQ(std::make_tuple(walk.reader.frameCount(), walk.reader.index().size(), walk.reader.sampleInfos().size()),
+              std::make_tuple(7u, size_t(7), size_t(6)));
+    for (int32_t sample = -1; sample <= 7; ++sample) {
+        QrvSampleInfo info{};
+        const bool served = sample >= 1 && sample <= 5;
+        EXPECT_EQ(walk.reader.lookUpSampleInfo(sample, reinterpret_cast<uint8_t*>(&info)), served) << sample;
+        EXPECT_TRUE(same(info, served ? testSampleInfo(timeOf(size_t(sample)), uint32_t(sample)) : QrvSampleInfo{}));
+    }
+    walk.results = {1, 0, -3, 2};
+    walk.moveTo(builder.recordOffset(0));
+    for (size_t r = 0; r < 5; ++r) {
+        EXPECT_EQ(walk.next(2, 1), r == 0 || r == 3 ? 1 : 0) << r;  // 2 x 1 pixels: 8 payload bytes
+        EXPECT_EQ(std::make_tuple(walk.frameNumber, walk.captureTime, walk.frameType),
+                  std::make_tuple(uint32_t(r + 1), timeOf(r), typeOf(r, 3)));
+        EXPECT_TRUE(same(walk.info, testSampleInfo(timeOf(r), uint32_t(r)))) << r;
+    }
+    EXPECT_EQ(walk.decoded, (std::vector<Bytes>{payloadOf(0), payloadOf(1), payloadOf(2), payloadOf(3)}));
+    for (uint64_t refusedAt : {builder.recordOffset(5), uint64_t(builder.indexOffset(0))}) {
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(walk.next(), -1);
+        EXPECT_EQ(walk.position(), int64_t(refusedAt));
+        walk.moveTo(builder.recordOffset(6));
+        EXPECT_EQ(walk.next(), 1);
+    }
+    walk.moveTo(builder.recordOffset(4));
+    EXPECT_EQ(walk.next(3, 3), 1);  // a larger frame grows the buffer
+    walk.results.clear(), walk.decoded.clear();
+    EXPECT_TRUE(walk.seek(3) && walk.decoded.empty());
+    EXPECT_TRUE(walk.seek(5) && walk.position() == int64_t(builder.recordOffset(5)));
+    EXPECT_EQ(walk.decoded, (std::vector<Bytes>{payloadOf(3), payloadOf(4)}));
+    walk.results = {1, 1, 0};  // the next decode fails
+    EXPECT_FALSE(walk.seek(2) || walk.seek(-1));
+    try {
+        walk.seek(7);
+        ADD_FAILURE() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "invalid vector<T> subscript");  // host applications match this text
+    }
+    Walk huge(bytes);  // w * h * 4 overflows: no buffer, on to the next record
+    huge.moveTo(builder.recordOffset(0));
+    EXPECT_EQ(huge.next(0xFFFFFFFFu, 0xFFFFFFFFu), 0);
+    EXPECT_EQ(huge.position(), int64_t(builder.recordOffset(1)));
+}
+
+// Short files, counts that lie, offsets outside the file or too small, a payload size past its end,
+// and the file cut at every length.
+TEST(QrvHostile, DamagedFiles) {
+    const QrvBuilder builder = recordsWith(5, 2, Bytes(40, 0xEE));
+    const Bytes whole = builder.bytes();
+    const struct {
+        const char* what;
+        size_t length;            // bytes kept
+        int64_t count;            // written as the trailer unless negative
+        uint64_t offset2, size1;  // written into index entry 2 and record 1's payload size unless 0
+        bool hardware, software;  // which readers accept the file
+    } cases[] = {
+        {"empty", 0, -1, 0, 0, false, false}, {"3 bytes", 3, -1, 0, 0, false, false},
+        {"no index", builder.records.size(), -1, 0, 0, false, false}, {"count 0", whole.size(), 0, 0, 0, false, false},
+        {"count 1000", whole.size(), 1000, 0, 0, false, false}, {"count 2^27", whole.size(), 1 << 27, 0, 0, false, false},
+        {"count 2^31", whole.size(), 1ll << 31, 0, 0, false, false},
+        {"count 2^32-1", whole.size(), 0xFFFFFFFF, 0, 0, false, false},
+        {"count 7: metadata read as entries", whole.size(), 7, 0, 0, true, false},
+        {"offset 2^40", whole.size(), -1, 1ull << 40, 0, true, false},
+        {"offset 2^63", whole.size(), -1, 1ull << 63, 0, true, false},
+        {"offset 2^64-1", whole.size(), -1, ~0ull, 0, true, false},
+        {"offset 100", whole.size(), -1, 100, 0, true, true},
+        {"payload size 2^32-1", whole.size(), -1, 0, 0xFFFFFFFF, true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Bytes bytes(whole.begin(), whole.begin() + long(c.length));
+        if (c.count >= 0) putLittleEndian(bytes, bytes.size() - 4, uint64_t(c.count), 4);
+        if (c.offset2) putLittleEndian(bytes, builder.indexOffset(2), c.offset2, 8);
+        if (c.size1) putLittleEndian(bytes, builder.recordOffset(1) + 16, c.size1, 4);
+        QrvHardwareReader hardware;
+        EXPECT_EQ(readDamaged(bytes, hardware), std::make_pair(c.hardware, c.software));
+        if (!c.offset2) continue;
+        // Record 1's info ends where entry 2 points: it is skipped, never read from elsewhere.
+        ASSERT_EQ(hardware.sampleInfos().size(), 3u);
+        EXPECT_EQ(hardware.sampleInfos()[1].sampleTime, timeOf(2) / 1000);
+        // Record 2 is a key frame: seeking to it fails unless its offset lies in the file.
+        TestFile file = openBytes(bytes);
+        EXPECT_EQ(hardware.seekToSample(file.get(), 2, 16, 16, [](const uint8_t*, uint32_t, void*) { return 1; }),
+                  c.offset2 == 100);
+    }
+    for (size_t length = 0; length < whole.size(); ++length) {
+        QrvHardwareReader hardware;
+        readDamaged(Bytes(whole.begin(), whole.begin() + long(length)), hardware);
+    }
+}
+
+// A sparse file whose count claims 2^27 entries: the index (2 GiB + 4 bytes) fits in the file, but
+// its distance from the end does not fit in a signed 32-bit integer.
+TEST(QrvHostile, IndexBeyondTwoGibibytesIsOutOfReach) {
+    const uint32_t count = 1u << 27;
+    TestFile file = openBytes({});
+    if (ftruncate(fileno(file.get()), off_t(count) * 16 + 4096) != 0) GTEST_SKIP() << "no sparse files here";
+    ASSERT_TRUE(fseeko(file.get(), 0, SEEK_END) == 0 && fwrite(&count, 4, 1, file.get()) == 1 && fflush(file.get()) == 0);
+    QrvHardwareReader hardware;
+    QrvSoftwareIndex software;
+    EXPECT_FALSE(hardware.readIndex(file.get()) || qrvReadSoftwareIndex(file.get(), software) || hardware.index().capacity());
+}
