@@ -25,7 +25,7 @@ qrv-index-reserved @@ src/container/qrv_file.cpp @@ for (QrvIndexEntry& entry : 
 qrv-lookup-lower @@ src/container/qrv_file.cpp @@ if (sample < 1 || size_t(sample) >= infos.size()) return false; @@ if (sample < 0 || size_t(sample) >= infos.size()) return false;
 qrv-lookup-upper @@ src/container/qrv_file.cpp @@ if (sample < 1 || size_t(sample) >= infos.size()) return false; @@ if (sample < 1 || size_t(sample) > infos.size()) return false;
 qrv-key-walk-back @@ src/container/qrv_file.cpp @@ while (qrvAt(index, size_t(key)).frameType != kKeyFrameType && key > 0) --key; @@ while (qrvAt(index, size_t(key)).frameType != kKeyFrameType && key > 1) --key;
-qrv-last-record @@ src/container/qrv_file.cpp @@ if (!readFrameNumber(stream, int64_t(uint32_t(frameCount_ - 1)), head.frameNumber)) @@ if (!readFrameNumber(stream, int64_t(uint32_t(frameCount_)), head.frameNumber))
+qrv-last-record @@ src/container/qrv_file.cpp @@ switch (readHead(stream, int64_t(uint32_t(frameCount_ - 1)), head, payloadBytes)) { @@ switch (readHead(stream, int64_t(uint32_t(frameCount_)), head, payloadBytes)) {
 annexb-zero-byte @@ src/container/annexb.cpp @@ const size_t unitStart = i > 0 && data[i - 1] == 0 ? i - 1 : i; @@ const size_t unitStart = i;
 annexb-h264-pps @@ src/container/annexb.cpp @@ kind.parameterSetBit = type == 7 ? 1 : type == 8 ? 2 : 0; @@ kind.parameterSetBit = type == 7 ? 1 : type == 8 ? 1 : 0;
 pack-nibble-order @@ src/kernels/packing_threads.h @@ sample = (x & 1) ? (pair >> 4) : (pair & 0x0F); @@ sample = (x & 1) ? (pair & 0x0F) : (pair >> 4);
@@ -39,7 +39,7 @@ nvcodec-separator @@ src/NVCompression/NvCodec/NvEncoder/NvCodecException.h @@ m
 nvenc-caps-width @@ src/NVCompression/NvCodec/NvEncoder/NvEncoderCapabilities.cpp @@ return maxWidth > 0; @@ return maxWidth >= 0;
 sw-yuyv-chroma @@ src/codec/SwDecoder.cpp @@ o[4 * i + 1] = cbRow[i]; @@ o[4 * i + 1] = crRow[i];
 sw-yuyv-width-check @@ src/codec/SwDecoder.cpp @@ if (w > uint32_t(de265_get_image_width(picture, 0)) || @@ if (false ||
-tool-error-stream @@ tools/zoqrv/main.cpp @@ fprintf(stderr, "zoqrv: %s\n", message.c_str()); @@ fprintf(stdout, "zoqrv: %s\n", message.c_str());
+tool-error-stream @@ tools/zoqrv/commands.cpp @@ fprintf(stderr, "zoqrv: %s\n", message.c_str()); @@ fprintf(stdout, "zoqrv: %s\n", message.c_str());
 tool-export-first @@ tools/zoqrv/export.cpp @@ for (size_t i = 0; i < tables.frameList.size(); ++i) { @@ for (size_t i = 1; i < tables.frameList.size(); ++i) {
 nvenc-map-version @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ mapInputResource.version = m_interface.structVersion(4); @@ mapInputResource.version = m_interface.structVersion(3);
 nvenc-dropped-unmap @@ src/NVCompression/NvCodec/NvEncoder/NvEncoder.cpp @@ NVENC_API_CALL(m_nvenc.nvEncUnmapInputResource(m_hEncoder, m_vMappedInputBuffers[m_iGot % m_nEncoderBuffer])); @@ (void)0;
