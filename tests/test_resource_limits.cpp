@@ -3,13 +3,10 @@
 // thrown into a C host. This program's operators new refuse allocations above a cap, and count
 // the refusals.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <new>
 
 #include "container/annexb.h"
@@ -28,10 +25,7 @@ void* allocate(size_t size) {
 
 // Allocations above `bytes` fail while it lives.
 struct AllocationCap {
-    explicit AllocationCap(size_t bytes) {
-        refusedAllocations = 0;
-        allocationCap = bytes;
-    }
+    explicit AllocationCap(size_t bytes) { refusedAllocations = 0, allocationCap = bytes; }
     ~AllocationCap() { allocationCap = SIZE_MAX; }
 };
 }  // namespace

@@ -138,13 +138,10 @@ TEST_P(SwEncoding, LosslessRecordingsComeBackInOrderAndAfterSeeksAndAsFfmpegDeco
     std::filesystem::remove_all(dir);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding,
-                         testing::Values(Recording{0, 64, 48, 12, 8, 1}, Recording{0, 101, 75, 12, 8, 1},
-                                         Recording{1, 64, 48, 12, 8, 1}, Recording{2, 64, 48, 12, 8, 1},
-                                         Recording{2, 70, 41, 12, 8, 1}, Recording{3, 64, 48, 12, 8, 1},
-                                         Recording{3, 63, 47, 12, 8, 1}, Recording{4, 40, 32, 12, 8, 1},
-                                         Recording{4, 45, 31, 12, 8, 1}, Recording{5, 32, 24, 12, 8, 1},
-                                         Recording{5, 29, 21, 12, 8, 1}));
+INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::ValuesIn(std::vector<Recording>{
+    {0, 64, 48, 12, 8, 1}, {0, 101, 75, 12, 8, 1}, {1, 64, 48, 12, 8, 1}, {2, 64, 48, 12, 8, 1}, {2, 70, 41, 12, 8, 1},
+    {3, 64, 48, 12, 8, 1}, {3, 63, 47, 12, 8, 1}, {4, 40, 32, 12, 8, 1}, {4, 45, 31, 12, 8, 1}, {5, 32, 24, 12, 8, 1},
+    {5, 29, 21, 12, 8, 1}}));
 
 TEST_F(SwEncoding, CbrOfThreeHundredFramesMeetsTheBitrateWithinTenPercent) {
     for (const uint64_t bitrate : {500000ull, 1000000ull}) {
@@ -155,26 +152,17 @@ TEST_F(SwEncoding, CbrOfThreeHundredFramesMeetsTheBitrateWithinTenPercent) {
 }
 
 TEST_F(SwEncoding, ZoqrvEncoderChoosesOrFailsWithAText) {
-    const struct {
-        const char* value;
-        uint32_t codec;
-        const char* text;  // empty: a pipe with libx265; otherwise no pipe and this text
-    } cases[] = {
-        {"x265", 1, ""},
-        {"auto", 1, ""},  // without NVENC here; a GPU machine may give NVENC instead
-        {"x265", 0, "unsupported hardware or codec for encoding"},
-        {"x265", 7, "unsupported hardware or codec for encoding"},
-        {"X265", 1, "ZOQRV_ENCODER must be nvenc, auto or x265"},
-    };
-    for (const auto& c : cases) {
-        setenv("ZOQRV_ENCODER", c.value, 1);
-        Pipe pipe(ZOHW_CreateEncoder(4, c.codec, 1, 32, 16, 0, 30), &ZOHW_Destroy);
-        EXPECT_EQ(bool(pipe), !*c.text) << c.value << " codec " << c.codec;
-        if (!pipe) {
-            EXPECT_STREQ(ZOHW_GetError(nullptr), c.text);
-        } else if (std::string(c.value) == "x265") {
-            EXPECT_TRUE(dynamic_cast<SwEncoder*>(pipe->encoder.get()));
-        }
+    const char* const unsupported = "unsupported hardware or codec for encoding";
+    // An empty text: a pipe with libx265 ("auto": without NVENC here; a GPU machine may give NVENC).
+    const std::tuple<const char*, uint32_t, const char*> cases[] = {
+        {"x265", 1, ""}, {"auto", 1, ""}, {"x265", 0, unsupported}, {"x265", 7, unsupported},
+        {"X265", 1, "ZOQRV_ENCODER must be nvenc, auto or x265"}};
+    for (const auto& [value, codec, text] : cases) {
+        setenv("ZOQRV_ENCODER", value, 1);
+        Pipe pipe(ZOHW_CreateEncoder(4, codec, 1, 32, 16, 0, 30), &ZOHW_Destroy);
+        ASSERT_EQ(bool(pipe), !*text) << value << " codec " << codec;
+        EXPECT_STREQ(pipe ? "" : ZOHW_GetError(nullptr), text);
+        EXPECT_TRUE(!pipe || std::string(value) != "x265" || dynamic_cast<SwEncoder*>(pipe->encoder.get()));
     }
     // A frame whose access unit cannot fit the output (w x h x 4 bytes) is refused.
     setenv("ZOQRV_ENCODER", "x265", 1);
@@ -183,10 +171,6 @@ TEST_F(SwEncoding, ZoqrvEncoderChoosesOrFailsWithAText) {
     const uint8_t frame[2] = {0x5a, 0xa5};
     uint64_t size = 0;
     uint8_t out[16];
-    try {
-        ZOHW_Encode(tiny.get(), &size, frame, 1, out);
-        ADD_FAILURE() << "no overflow";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.message(), "Encode output buffer overflow");
-    }
+    try { ZOHW_Encode(tiny.get(), &size, frame, 1, out), ADD_FAILURE() << "no overflow"; }
+    catch (const Exception& e) { EXPECT_EQ(e.message(), "Encode output buffer overflow"); }
 }
