@@ -3,18 +3,14 @@
 // thrown into a C host. This program's operators new refuse allocations above a cap, and count
 // the refusals.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <new>
 
 #include "container/annexb.h"
-#include "support/qrv_builder.h"
-#include "support/temp_file.h"
+#include "support.h"
 #include "zo_qrv64.h"
 
 namespace {
@@ -29,10 +25,7 @@ void* allocate(size_t size) {
 
 // Allocations above `bytes` fail while it lives.
 struct AllocationCap {
-    explicit AllocationCap(size_t bytes) {
-        refusedAllocations = 0;
-        allocationCap = bytes;
-    }
+    explicit AllocationCap(size_t bytes) { refusedAllocations = 0, allocationCap = bytes; }
     ~AllocationCap() { allocationCap = SIZE_MAX; }
 };
 }  // namespace
@@ -54,10 +47,6 @@ namespace {
 
 constexpr size_t kCap = 32 << 20;
 using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
-struct Closer {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using File = std::unique_ptr<FILE, Closer>;
 
 Pipe softwarePipe(uint32_t width, uint32_t height) {
     Pipe pipe(ZOHW_CreateDecoder(1, 1, width, height, 0), &ZOHW_Destroy);
@@ -70,11 +59,9 @@ Pipe softwarePipe(uint32_t width, uint32_t height) {
 // A 64 x 48 recording of four records whose parameter sets claim 8192 x 8192 pictures: each
 // read fails at once instead of decoding hundreds of megabytes of concealed picture for seconds.
 TEST(FuzzRegressions, RecordsClaimingHugePicturesFailFast) {
-    File file(fopen(ZOQRV_SOURCE_DIR "/tests/data/fuzz/huge-picture-claim.qrv", "rb"));
-    ASSERT_TRUE(file);
-    std::vector<uint8_t> record(954);
-    ASSERT_EQ(fseek(file.get(), 36, SEEK_SET), 0);
-    ASSERT_EQ(fread(record.data(), 1, record.size(), file.get()), record.size());
+    const Bytes qrv = readFile(ZOQRV_SOURCE_DIR "/tests/data/fuzz/huge-picture-claim.qrv");
+    ASSERT_GE(qrv.size(), 36u + 954);
+    const Bytes record(qrv.begin() + 36, qrv.begin() + 36 + 954);
     std::vector<HevcPictureSize> sizes;
     ASSERT_TRUE(hevcDeclaredPictureSizes(record.data(), record.size(), sizes));
     ASSERT_EQ(sizes.size(), 1u);
@@ -86,6 +73,7 @@ TEST(FuzzRegressions, RecordsClaimingHugePicturesFailFast) {
     ASSERT_LT(sps, record.size());
     EXPECT_FALSE(hevcDeclaredPictureSizes(record.data(), sps + 16, sizes));
 
+    TestFile file = openBytes(qrv);
     Pipe pipe = softwarePipe(64, 48);
     ASSERT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 0u);
     std::vector<uint8_t> frame(64 * 48 * 2);
@@ -104,15 +92,9 @@ TEST(FuzzRegressions, RecordsClaimingHugePicturesFailFast) {
 // is reserved from that count before it is bounded by the file, so the refusal stays under the
 // cap.
 TEST(FuzzRegressions, TrailerCountDoesNotSizeTheSampleInfos) {
-    TempFile temp;
     const uint32_t fileBytes = 4 << 20, count = (fileBytes - 4) / 16;
-    {
-        File file(temp.open("wb"));
-        ASSERT_EQ(ftruncate(fileno(file.get()), fileBytes - 4), 0);
-        ASSERT_EQ(fseek(file.get(), 0, SEEK_END), 0);
-        ASSERT_EQ(fwrite(&count, 4, 1, file.get()), 1u);
-    }
-    File file(temp.open("rb"));
+    TestFile file = openBytes({});
+    ASSERT_EQ(pwrite(fileno(file.get()), &count, 4, fileBytes - 4), 4);
     Pipe pipe = softwarePipe(64, 48);
     const AllocationCap cap(kCap);
     EXPECT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 1u);  // more entries than records fit
@@ -121,22 +103,16 @@ TEST(FuzzRegressions, TrailerCountDoesNotSizeTheSampleInfos) {
 
 // Data that ends with a start code: no NAL unit header is read past its end.
 TEST(FuzzRegressions, StartCodeAtTheEndOfTheData) {
-    File file(fopen(ZOQRV_SOURCE_DIR "/tests/data/fuzz/start-code-at-end.h264", "rb"));
-    ASSERT_TRUE(file);
-    std::vector<uint8_t> bytes(1 << 16);
-    bytes.resize(fread(bytes.data(), 1, bytes.size(), file.get()));
-    ASSERT_GE(bytes.size(), 3u);
-    // Copied so that the sanitizer sees the end of exactly these bytes.
-    std::unique_ptr<uint8_t[]> exact(new uint8_t[bytes.size()]);
-    std::copy(bytes.begin(), bytes.end(), exact.get());
+    const Bytes read = readFile(ZOQRV_SOURCE_DIR "/tests/data/fuzz/start-code-at-end.h264");
+    ASSERT_GE(read.size(), 3u);
+    const Bytes bytes(read);  // a copy holds exactly these bytes, so the sanitizer sees their end
     for (AnnexBCodec codec : {AnnexBCodec::H264, AnnexBCodec::Hevc}) {
         size_t covered = 0;
-        for (const AccessUnit& unit : annexBSplitAccessUnits(exact.get(), bytes.size(), codec)) covered += unit.bytes;
+        for (const AccessUnit& unit : annexBSplitAccessUnits(bytes.data(), bytes.size(), codec)) covered += unit.bytes;
         EXPECT_EQ(covered, bytes.size());
-        annexBHasRandomAccessPicture(exact.get(), bytes.size(), codec);
+        annexBHasRandomAccessPicture(bytes.data(), bytes.size(), codec);
     }
 }
-
 
 // A decoder for a frame whose buffers cannot be had is one that cannot be made.
 TEST(OutOfMemory, CreationFailsWithItsTextAndANullPipe) {
@@ -151,8 +127,8 @@ TEST(OutOfMemory, CreationFailsWithItsTextAndANullPipe) {
 
 TEST(OutOfMemory, ReadingTheIndexFails) {
     QrvBuilder builder;
-    for (uint32_t i = 1; i <= 8; ++i) builder.addRecord(i, i * 1000, 3, {0, 0, 1, 0x26});
-    QrvTestFile file = qrvOpenBytes(builder.bytes());
+    for (uint32_t i = 1; i <= 8; ++i) builder.add(i, i * 1000, 3, {0, 0, 1, 0x26});
+    TestFile file = openBytes(builder.bytes());
     Pipe pipe = softwarePipe(64, 48);
     {
         const AllocationCap cap(64);
