@@ -8,7 +8,6 @@
 #include "kernels/packing_reference.h"
 #include "support/fake_nvenc.h"
 #include "support/host_device.h"
-#include "support/qrv_builder.h"
 #include "zo_qrv64.h"
 
 namespace {
@@ -313,7 +312,7 @@ TEST_F(Encoding, ForcedIntraOverflowAndDriverFailuresReachTheCaller) {
 TEST_F(Encoding, RecordingsReadBackWithTheirPayloadsTypesTimesAndMetadata) {
     ZoHwPipe* pipe = ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 4, 1000000, 10);
     ASSERT_NE(pipe, nullptr);
-    QrvTestFile file = qrvOpenEmpty();
+    TestFile file(tmpfile());
     FILE* stream = file.get();
     const uint8_t header[16] = {1, 2, 3};
     EXPECT_EQ(ZOHW_CreateQRVContainer(pipe, stream, header, 16), 0u);
