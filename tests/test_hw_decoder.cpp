@@ -28,6 +28,7 @@ struct StreamCase {
 };
 const StreamCase kHevc200 = {"tests", "gop5_200x120", 1}, kHevc198 = {"tests", "gop4_198x118", 1},
                  kH264200 = {"h264", "h264_gop5_200x120", 0}, kH264198 = {"h264", "h264_gop4_198x118", 0};
+void PrintTo(const StreamCase& c, std::ostream* out) { *out << c.name; }  // readable test names
 
 Pipe pipe(uint32_t code, uint32_t codec, uint32_t w, uint32_t h) {
     return Pipe(ZOHW_CreateDecoder(code, codec, w, h, 0), &ZOHW_Destroy);

@@ -47,11 +47,7 @@ private:
     ScopedDriverApi scopedDriver_;
 };
 
-uint32_t word(const uint8_t* bytes, size_t at) {
-    uint32_t value;
-    std::memcpy(&value, bytes + at, 4);
-    return value;
-}
+uint32_t word(const uint8_t* bytes, size_t at) { uint32_t value; std::memcpy(&value, bytes + at, 4); return value; }
 
 // `what` throws NVENCException "<function> : <text> at <file>:<line>\n" with `code`.
 template <typename Call>
