@@ -118,12 +118,20 @@ struct HevcStream {
     std::string qrvPath, yuvPath;
     uint32_t width = 0, height = 0, frames = 0, keyint = 0;
 
+    // ffmpeg's pictures as tightly packed YUV 4:2:0 planes.
+    std::vector<Bytes> yuv420Frames() const {
+        std::ifstream in(yuvPath, std::ios::binary);
+        std::vector<Bytes> frames;
+        for (Bytes yuv(size_t(width) * height + 2 * ((width + 1) / 2) * ((height + 1) / 2));
+             in.read(reinterpret_cast<char*>(yuv.data()), std::streamsize(yuv.size()));)
+            frames.push_back(yuv);
+        return frames;
+    }
     // ffmpeg's pictures as packed YUYV: Y, then Cb for even x and Cr for odd x.
     std::vector<Bytes> pictures() const {
         const size_t cw = (width + 1) / 2, chroma = cw * ((height + 1) / 2), luma = size_t(width) * height;
-        std::ifstream in(yuvPath, std::ios::binary);
         std::vector<Bytes> frames;
-        for (Bytes yuv(luma + 2 * chroma); in.read(reinterpret_cast<char*>(yuv.data()), std::streamsize(yuv.size()));) {
+        for (const Bytes& yuv : yuv420Frames()) {
             frames.emplace_back(luma * 2);
             for (size_t i = 0; i < luma; ++i) {
                 frames.back()[2 * i] = yuv[i];
@@ -145,18 +153,19 @@ struct HevcStream {
     }
 };
 
-// The streams are made into the build tree once, and again when the script or zoqrv changed.
-inline HevcStream hevcStream(const std::string& name) {
+// A stream of `set` ("tests": x265, "h264": x264), made into the build tree once, and again when
+// the script or zoqrv changed.
+inline HevcStream hevcStream(const std::string& name, const std::string& set = "tests") {
     namespace fs = std::filesystem;
     const fs::path script = fs::path(ZOQRV_SOURCE_DIR) / "scripts/make-test-data.sh";
     const fs::path zoqrv = fs::path(ZOQRV_BINARY_DIR) / "tools/zoqrv";
-    const fs::path dir = fs::path(ZOQRV_BINARY_DIR) / "test-data/tests", list = dir / "streams.txt";
+    const fs::path dir = fs::path(ZOQRV_BINARY_DIR) / "test-data" / set, list = dir / "streams.txt";
     fs::create_directories(dir);
     // Test programs run in parallel: one makes the streams while the others wait.
     const int lock = open((dir / ".lock").c_str(), O_CREAT | O_RDWR, 0644);
     if (lock < 0 || flock(lock, LOCK_EX) != 0) throw std::runtime_error("cannot lock " + dir.string());
     if (!fs::exists(list) || fs::last_write_time(list) < std::max(fs::last_write_time(script), fs::last_write_time(zoqrv))) {
-        const std::string command = "'" + script.string() + "' '" + dir.string() + "' '" + zoqrv.string() + "' tests";
+        const std::string command = "'" + script.string() + "' '" + dir.string() + "' '" + zoqrv.string() + "' " + set;
         if (runCommand(command) != 0) throw std::runtime_error("failed: " + command);
     }
     close(lock);

@@ -13,9 +13,7 @@
 #include "kernels/packing.h"
 #include "kernels/packing_reference.h"
 #include "support/fake_cuvid.h"
-#include "support/hevc_streams.h"
 #include "support/host_device.h"
-#include "support/qrv_builder.h"
 #include "zo_qrv64.h"
 
 namespace {
@@ -30,6 +28,7 @@ struct StreamCase {
 };
 const StreamCase kHevc200 = {"tests", "gop5_200x120", 1}, kHevc198 = {"tests", "gop4_198x118", 1},
                  kH264200 = {"h264", "h264_gop5_200x120", 0}, kH264198 = {"h264", "h264_gop4_198x118", 0};
+void PrintTo(const StreamCase& c, std::ostream* out) { *out << c.name; }  // readable test names
 
 Pipe pipe(uint32_t code, uint32_t codec, uint32_t w, uint32_t h) {
     return Pipe(ZOHW_CreateDecoder(code, codec, w, h, 0), &ZOHW_Destroy);
@@ -39,7 +38,7 @@ Pipe pipe(uint32_t code, uint32_t codec, uint32_t w, uint32_t h) {
 std::vector<Bytes> referenceNv12Frames(const HevcStream& stream) {
     std::vector<Bytes> frames;
     const size_t w = stream.width, h = stream.height, cw = (w + 1) / 2, ch = (h + 1) / 2;
-    for (const Bytes& yuv : referenceYuv420Frames(stream)) {
+    for (const Bytes& yuv : stream.yuv420Frames()) {
         Bytes nv12(yuv.begin(), yuv.begin() + long(w * h));
         nv12.resize(w * h + w * (h / 2));
         for (size_t r = 0; r < h / 2; ++r)
@@ -84,7 +83,7 @@ void expectPipeReadsAsTheReference(const HevcStream& stream, uint32_t codec, uin
     Pipe p = pipe(code, codec, w, h);
     ASSERT_TRUE(p);
     ASSERT_EQ(ZOHW_GetDecoderType(p.get()), decoderType);
-    QrvTestFile f(fopen(stream.qrvPath.c_str(), "rb"));
+    TestFile f(fopen(stream.qrvPath.c_str(), "rb"));
     ASSERT_EQ(ZOHW_CreateQRVTracker(p.get(), f.get()), 0u);
     ASSERT_EQ(ZOHW_SetHEVCPositionInFile(p.get(), f.get(), 0), 0u) << "past the client's header";
     const uint32_t bytes = packing::packedSize(code, w, h);
@@ -121,13 +120,9 @@ protected:
         EXPECT_EQ(fake.liveObjects(), 0u) << "CUVID object left alive";
         OnHostDevice::TearDown();
     }
-    // Skips the test (the caller returns on IsSkipped()) without the stream tools.
     void load(const StreamCase& c) {
-        std::string whyMissing;
-        const auto streams = hevcStreams(c.set, whyMissing);
-        if (streams.empty()) GTEST_SKIP() << whyMissing;
-        stream = hevcStream(streams, c.name);
-        payloads = qrvPayloads(stream.qrvPath);
+        stream = hevcStream(c.name, c.set);
+        payloads = stream.payloads();
         reference = referenceNv12Frames(stream);
     }
     std::unique_ptr<NvDecoder> make(cudaVideoCodec codec, bool deviceFrames = true, bool pitched = false) {
@@ -182,7 +177,6 @@ class NvDecoderFrames : public Decoding, public testing::WithParamInterface<std:
 TEST_P(NvDecoderFrames, EveryPictureMatchesTheReferenceDecode) {
     const auto [c, kind] = GetParam();
     load(c);
-    if (IsSkipped()) return;
     auto decoder = make(c.codec ? cudaVideoCodec_HEVC : cudaVideoCodec_H264, kind != 2, kind == 1);
     for (size_t i = 0; i < payloads.size(); ++i) {
         std::vector<int64_t> stamps;
@@ -201,7 +195,6 @@ INSTANTIATE_TEST_SUITE_P(Streams, NvDecoderFrames, testing::Combine(testing::Val
 
 TEST_F(Decoding, SequenceSetsUpTheDecoderFromTheCodedSizeOnce) {
     load(kHevc198);
-    if (IsSkipped()) return;
     auto decoder = make(cudaVideoCodec_HEVC);
     decode(*decoder, payloads[0], 0);
     ASSERT_EQ(fake.decodersCreated.size(), 1u);
@@ -217,8 +210,7 @@ TEST_F(Decoding, SequenceSetsUpTheDecoderFromTheCodedSizeOnce) {
                           "\tResize       : 200x120\n\tDeinterlace  : Weave\n\n"));
 
     // A second sequence with another size leaves the decoder as it was.
-    std::string whyMissing;
-    const auto other = qrvPayloads(hevcStream(hevcStreams("tests", whyMissing), "wpp_640x480").qrvPath);
+    const auto other = hevcStream("wpp_640x480").payloads();
     decode(*decoder, other[0], 1);
     EXPECT_EQ(fake.sequenceResults.size(), 2u);
     EXPECT_EQ(fake.decodersCreated.size(), 1u);
@@ -230,7 +222,6 @@ class HwPipes : public Decoding, public testing::WithParamInterface<std::tuple<S
 TEST_P(HwPipes, ReadInOrderAndBySeekingAsTheCpuTwinUnpacksTheReference) {
     const auto [c, code] = GetParam();
     load(c);
-    if (IsSkipped()) return;
     expectPipeReadsAsTheReference(stream, c.codec, code, kHardware);
 }
 
@@ -239,7 +230,6 @@ INSTANTIATE_TEST_SUITE_P(Formats, HwPipes, testing::Combine(testing::Values(kHev
 
 TEST_F(Decoding, DecodeRetriesThriceAndKeepsTheLastOfSeveralPictures) {
     load(kHevc200);
-    if (IsSkipped()) return;
     Pipe p = pipe(kUint8, 1, 200, 120);
     Bytes out(200 * 120);
     const Bytes noPicture = parameterSetsOnly(), two = [&] {
@@ -260,14 +250,13 @@ TEST_F(Decoding, DecodeRetriesThriceAndKeepsTheLastOfSeveralPictures) {
 
 TEST_F(Decoding, SequentialReadingTriesFourRecords) {
     load(kHevc200);
-    if (IsSkipped()) return;
     for (uint32_t empties : {3u, 4u}) {
         SCOPED_TRACE(std::to_string(empties) + " records without a picture");
         QrvBuilder b;
         uint32_t number = 0;
-        for (uint32_t i = 0; i < empties; ++i) b.addRecord(++number, 0, 1, parameterSetsOnly());
-        for (size_t i = 0; i < 3; ++i) b.addRecord(++number, 1000 * i, i ? 1 : 3, payloads[i]);
-        QrvTestFile file = qrvOpenBytes(b.bytes());
+        for (uint32_t i = 0; i < empties; ++i) b.add(++number, 0, 1, parameterSetsOnly());
+        for (size_t i = 0; i < 3; ++i) b.add(++number, 1000 * i, i ? 1 : 3, payloads[i]);
+        TestFile file = openBytes(b.bytes());
         Pipe p = pipe(kUint8, 1, 200, 120);
         ASSERT_EQ(ZOHW_CreateQRVTracker(p.get(), file.get()), 0u);
         Frame r = next(p.get(), file.get(), 200 * 120);
@@ -295,7 +284,6 @@ class HwRefusals : public Decoding, public testing::WithParamInterface<RefusalCa
 
 TEST_P(HwRefusals, FallBackOrFailWithTheirTexts) {
     load(kHevc200);
-    if (IsSkipped()) return;
     const RefusalCase& c = GetParam();
     c.before(fake);
     testing::internal::CaptureStdout();
@@ -343,7 +331,6 @@ class HwFailures : public Decoding, public testing::WithParamInterface<const cha
 
 TEST_P(HwFailures, LeaveNothingBehind) {
     load(kHevc200);
-    if (IsSkipped()) return;
     const std::map<std::string, device::HostCall> hostCalls = {
         {"PushContext", device::HostCall::PushContext}, {"PopContext", device::HostCall::PopContext},
         {"Allocate", device::HostCall::Allocate},       {"DriverCopy2D", device::HostCall::DriverCopy2D},
@@ -351,7 +338,7 @@ TEST_P(HwFailures, LeaveNothingBehind) {
         {"Launch", device::HostCall::Launch}};
     const auto host = hostCalls.find(GetParam());
     if (host == hostCalls.end()) fake.failing[GetParam()] = CUresult(2);
-    QrvTestFile f(fopen(stream.qrvPath.c_str(), "rb"));
+    TestFile f(fopen(stream.qrvPath.c_str(), "rb"));
     testing::internal::CaptureStdout();
     Pipe p = pipe(kUint8, 1, 200, 120);
     ZOHW_CreateQRVTracker(p.get(), f.get());
@@ -375,17 +362,17 @@ INSTANTIATE_TEST_SUITE_P(Calls, HwFailures,
 
 TEST_F(Decoding, UntrustedFilesAndSizesFailTheCall) {
     load(kHevc200);
-    if (IsSkipped()) return;
     // A pipe wider than the decoded picture would read outside the frame.
     Bytes out(216 * 120 * 2);
     for (const auto& [code, width] : {std::pair{kUint8, 216u}, std::pair{uint32_t(packing::kUint16), 108u}})
         EXPECT_EQ(ZOHW_Decode(pipe(code, 1, width, 120).get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
     // Without an index no record is accepted, and nothing is consumed.
     QrvBuilder b;
-    b.addRecord(1, 0, 3, payloads[0]);
-    b.addRecord(2, 0, 1, payloads[1]);
-    b.setTrailer(0);
-    QrvTestFile file = qrvOpenBytes(b.bytes());
+    b.add(1, 0, 3, payloads[0]);
+    b.add(2, 0, 1, payloads[1]);
+    Bytes bytes = b.bytes();
+    putLittleEndian(bytes, bytes.size() - 4, 0, 4);  // no frames in the trailer
+    TestFile file = openBytes(bytes);
     Pipe p = pipe(kUint8, 1, 200, 120);
     EXPECT_EQ(ZOHW_CreateQRVTracker(p.get(), file.get()), 1u);
     rewind(file.get());
@@ -394,21 +381,16 @@ TEST_F(Decoding, UntrustedFilesAndSizesFailTheCall) {
 }
 
 // On a real GPU through the NVIDIA driver; skipped where no GPU decodes the codec.
-class GpuDecoding : public testing::TestWithParam<std::tuple<const char*, uint32_t>> {};
+class GpuDecoding : public testing::TestWithParam<std::tuple<StreamCase, uint32_t>> {};
 
 TEST_P(GpuDecoding, PipesReadAsTheReference) {
-    const auto [set, code] = GetParam();
-    const uint32_t codec = std::string(set) == "h264" ? 0 : 1;
-    Pipe probe = pipe(code, codec, 64, 64);
+    const auto [c, code] = GetParam();
+    Pipe probe = pipe(code, c.codec, 64, 64);
     if (!probe || ZOHW_GetDecoderType(probe.get()) != kHardware) GTEST_SKIP() << "no GPU decodes this codec here";
-    HEVC_STREAMS_OR_SKIP(streams, set);
-    for (const HevcStream& s : streams) {
-        if (s.frames < 3) continue;  // the walks need a record between the first and the last
-        SCOPED_TRACE(s.name);
-        expectPipeReadsAsTheReference(s, codec, code, kHardware);
-    }
+    expectPipeReadsAsTheReference(hevcStream(c.name, c.set), c.codec, code, kHardware);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sets, GpuDecoding, testing::Combine(testing::Values("tests", "h264"), testing::Range(0u, 6u)));
+INSTANTIATE_TEST_SUITE_P(Formats, GpuDecoding, testing::Combine(testing::Values(kHevc200, kHevc198, kH264200, kH264198),
+                                                                testing::Range(0u, 6u)));
 
 }  // namespace

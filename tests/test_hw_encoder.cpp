@@ -8,7 +8,6 @@
 #include "kernels/packing_reference.h"
 #include "support/fake_nvenc.h"
 #include "support/host_device.h"
-#include "support/qrv_builder.h"
 #include "zo_qrv64.h"
 
 namespace {
@@ -48,11 +47,7 @@ private:
     ScopedDriverApi scopedDriver_;
 };
 
-uint32_t word(const uint8_t* bytes, size_t at) {
-    uint32_t value;
-    std::memcpy(&value, bytes + at, 4);
-    return value;
-}
+uint32_t word(const uint8_t* bytes, size_t at) { uint32_t value; std::memcpy(&value, bytes + at, 4); return value; }
 
 // `what` throws NVENCException "<function> : <text> at <file>:<line>\n" with `code`.
 template <typename Call>
@@ -313,7 +308,7 @@ TEST_F(Encoding, ForcedIntraOverflowAndDriverFailuresReachTheCaller) {
 TEST_F(Encoding, RecordingsReadBackWithTheirPayloadsTypesTimesAndMetadata) {
     ZoHwPipe* pipe = ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 4, 1000000, 10);
     ASSERT_NE(pipe, nullptr);
-    QrvTestFile file = qrvOpenEmpty();
+    TestFile file(tmpfile());
     FILE* stream = file.get();
     const uint8_t header[16] = {1, 2, 3};
     EXPECT_EQ(ZOHW_CreateQRVContainer(pipe, stream, header, 16), 0u);

@@ -24,17 +24,17 @@ CUresult breach(const std::string& what, CUresult status = kInvalidValue) {
     fake().faults.push_back(what);
     return status;
 }
-#define ENTRY(name) \
-    if (fake().failing.count(name)) return fake().failing[name]
 void* newHandle() {
     static uintptr_t next = 0;
     return reinterpret_cast<void*>((++next) << 4);
 }
-void requireContext(const char* call) {
-    CUcontext context = nullptr;
-    device::api().getCurrentContext(&context);
-    if (!context) breach(std::string(call) + " without a current CUDA context");
-}
+// A chosen failure answers before anything is done; calls that need a current context check it.
+#define ENTRY(name) \
+    if (fake().failing.count(name)) return fake().failing[name]
+#define CONTEXT_ENTRY(name)                                                       \
+    ENTRY(name);                                                                  \
+    if (CUcontext context = nullptr; device::api().getCurrentContext(&context), !context) \
+    breach(std::string(name) + " without a current CUDA context")
 
 // Copies h rows of w bytes from a source of `stride` to a destination of `pitch`.
 void place(const uint8_t* src, int stride, size_t w, size_t h, uint8_t* dst, size_t pitch) {
@@ -46,6 +46,19 @@ struct Picture {
     CUVIDEOFORMAT format = {};
     std::vector<uint8_t> nv12;
     int64_t pts = 0;
+    Picture() = default;
+    // Filler samples of the coded size, 8-bit progressive.
+    Picture(cudaVideoCodec codec, uint32_t codedWidth, uint32_t codedHeight, decltype(CUVIDEOFORMAT::display_area) area,
+            cudaVideoChromaFormat chroma, int64_t time)
+        : pts(time) {
+        format.codec = codec;
+        format.progressive_sequence = 1;
+        format.coded_width = codedWidth;
+        format.coded_height = codedHeight;
+        format.display_area = area;
+        format.chroma_format = chroma;
+        allocate();
+    }
     uint32_t width() const { return format.coded_width; }
     uint32_t height() const { return format.coded_height; }
     void allocate() { nv12.assign(size_t(width()) * (height() + (height() + 1) / 2), kFiller); }
@@ -87,17 +100,10 @@ public:
 
 private:
     static Picture picture(const de265_image* image) {
-        Picture p;
         const int w = de265_get_image_width(image, 0), h = de265_get_image_height(image, 0);
-        p.format.codec = cudaVideoCodec_HEVC;
-        p.format.progressive_sequence = 1;
-        p.format.coded_width = unsigned(w + 7) / 8 * 8;
-        p.format.coded_height = unsigned(h + 7) / 8 * 8;
-        p.format.display_area = {0, 0, w, h};
-        p.format.chroma_format = cudaVideoChromaFormat(de265_get_chroma_format(image));
+        Picture p(cudaVideoCodec_HEVC, unsigned(w + 7) / 8 * 8, unsigned(h + 7) / 8 * 8, {0, 0, w, h},
+                  cudaVideoChromaFormat(de265_get_chroma_format(image)), de265_get_image_PTS(image));
         p.format.bit_depth_luma_minus8 = uint8_t(de265_get_bits_per_pixel(image, 0) - 8);
-        p.pts = de265_get_image_PTS(image);
-        p.allocate();
         const uint8_t* planes[3];
         int strides[3];
         for (int c = 0; c < 3; ++c) planes[c] = de265_get_image_plane(image, c, &strides[c]);
@@ -136,17 +142,11 @@ public:
         if (endOfStream) avcodec_send_packet(context_, nullptr);
         std::vector<Picture> out;
         for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) {
-            Picture p;
-            p.format.codec = cudaVideoCodec_H264;
-            p.format.progressive_sequence = 1;
-            p.format.coded_width = uint32_t(frame_->width);
-            p.format.coded_height = uint32_t(frame_->height);
-            p.format.display_area = {int(frame_->crop_left), int(frame_->crop_top),
-                                     frame_->width - int(frame_->crop_right), frame_->height - int(frame_->crop_bottom)};
             const bool yuv420 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
-            p.format.chroma_format = yuv420 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444;
-            p.pts = frame_->pts;
-            p.allocate();
+            Picture p(cudaVideoCodec_H264, uint32_t(frame_->width), uint32_t(frame_->height),
+                      {int(frame_->crop_left), int(frame_->crop_top), frame_->width - int(frame_->crop_right),
+                       frame_->height - int(frame_->crop_bottom)},
+                      yuv420 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444, frame_->pts);
             if (yuv420) p.fill(frame_->data, frame_->linesize, p.width(), p.height());
             out.push_back(std::move(p));
         }
@@ -211,22 +211,18 @@ CUresult CUDAAPI ctxLockDestroy(CUvideoctxlock lock) {
 
 // Outputs are all 0 for what the hardware cannot decode.
 CUresult CUDAAPI getDecoderCaps(CUVIDDECODECAPS* caps) {
-    ENTRY("cuvidGetDecoderCaps");
-    requireContext("cuvidGetDecoderCaps");
+    CONTEXT_ENTRY("cuvidGetDecoderCaps");
     const unsigned yes = fake().supported.count(caps->eCodecType) &&
                          caps->eChromaFormat == cudaVideoChromaFormat_420 && caps->nBitDepthMinus8 == 0;
     caps->bIsSupported = caps->nNumNVDECs = caps->nOutputFormatMask = uint8_t(yes);
-    caps->nMaxWidth = yes * fake().maxWidth;
-    caps->nMaxHeight = yes * fake().maxHeight;
+    caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * fake().maxHeight;
     caps->nMaxMBCount = yes * fake().maxMBCount;
-    caps->nMinWidth = uint16_t(yes * 48);
-    caps->nMinHeight = uint16_t(yes * 16);
+    caps->nMinWidth = uint16_t(yes * 48), caps->nMinHeight = uint16_t(yes * 16);
     return CUDA_SUCCESS;
 }
 
 CUresult CUDAAPI createDecoder(CUvideodecoder* handle, CUVIDDECODECREATEINFO* info) {
-    ENTRY("cuvidCreateDecoder");
-    requireContext("cuvidCreateDecoder");
+    CONTEXT_ENTRY("cuvidCreateDecoder");
     if (info->vidLock && !state().locks.count(info->vidLock)) return breach("decoder with an unknown context lock");
     if (!fake().supported.count(info->CodecType) || info->OutputFormat != cudaVideoSurfaceFormat_NV12)
         return breach("decoder for an unsupported codec or output format", kNotSupported);
@@ -271,8 +267,7 @@ CUresult CUDAAPI decodePicture(CUvideodecoder handle, CUVIDPICPARAMS* params) {
 
 CUresult CUDAAPI mapVideoFrame(CUvideodecoder handle, int picture, unsigned long long* frame, unsigned int* pitch,
                                CUVIDPROCPARAMS* params) {
-    ENTRY("cuvidMapVideoFrame64");
-    requireContext("cuvidMapVideoFrame64");
+    CONTEXT_ENTRY("cuvidMapVideoFrame64");
     DECODER(handle);
     if (picture < 0 || size_t(picture) >= decoder->surfaces.size() || decoder->surfaces[size_t(picture)].nv12.empty())
         return breach("mapped a picture that was not decoded");
@@ -403,16 +398,11 @@ size_t FakeCuvid::liveObjects() const {
 DriverApi FakeCuvid::driverApi() {
     static CuvidFunctions functions = [] {
         CuvidFunctions f = {};
-        f.cuvidGetDecoderCaps = getDecoderCaps;
-        f.cuvidCreateDecoder = createDecoder;
-        f.cuvidDestroyDecoder = destroyDecoder;
-        f.cuvidDecodePicture = decodePicture;
-        f.cuvidMapVideoFrame = mapVideoFrame;
-        f.cuvidUnmapVideoFrame = unmapVideoFrame;
-        f.cuvidCtxLockCreate = ctxLockCreate;
-        f.cuvidCtxLockDestroy = ctxLockDestroy;
-        f.cuvidCreateVideoParser = createParser;
-        f.cuvidParseVideoData = parseVideoData;
+        f.cuvidGetDecoderCaps = getDecoderCaps, f.cuvidCreateDecoder = createDecoder;
+        f.cuvidDestroyDecoder = destroyDecoder, f.cuvidDecodePicture = decodePicture;
+        f.cuvidMapVideoFrame = mapVideoFrame, f.cuvidUnmapVideoFrame = unmapVideoFrame;
+        f.cuvidCtxLockCreate = ctxLockCreate, f.cuvidCtxLockDestroy = ctxLockDestroy;
+        f.cuvidCreateVideoParser = createParser, f.cuvidParseVideoData = parseVideoData;
         f.cuvidDestroyVideoParser = destroyParser;
         return f;
     }();

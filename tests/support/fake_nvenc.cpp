@@ -94,10 +94,8 @@ NVENCSTATUS preset(Session& session, bool legacyQuery, GUID preset, NV_ENC_TUNIN
         return breach("preset or tuning info of the other interface");
     if (legacyQuery && !fake().legacyPresets && !fake().refuseAtInitialize) return NV_ENC_ERR_UNSUPPORTED_PARAM;
     NV_ENC_CONFIG& config = out->presetCfg;
-    config.frameIntervalP = 3;
-    config.gopLength = 250;
-    config.rcParams.rateControlMode = NV_ENC_PARAMS_RC_VBR;
-    config.rcParams.constQP = {20, 22, 18};
+    config.frameIntervalP = 3, config.gopLength = 250;
+    config.rcParams.rateControlMode = NV_ENC_PARAMS_RC_VBR, config.rcParams.constQP = {20, 22, 18};
     config.rcParams.lookaheadDepth = fake().lookaheadDepth;
     return NV_ENC_SUCCESS;
 }
@@ -219,8 +217,7 @@ NVENCSTATUS NVENCAPI lockBitstream(void* encoder, NV_ENC_LOCK_BITSTREAM* lock) {
     Object* buffer = find(session, lock->outputBitstream, true);
     if (!buffer || buffer->locked || !buffer->ready || lock->doNotWait)
         return breach("locking an unknown, locked or unfinished bitstream buffer, or without waiting");
-    buffer->locked = true;
-    buffer->ready = false;
+    buffer->locked = !(buffer->ready = false);
     lock->bitstreamBufferPtr = buffer->bytes.data();
     lock->bitstreamSizeInBytes = static_cast<uint32_t>(buffer->bytes.size());
     lock->pictureType = static_cast<NV_ENC_PIC_TYPE>(buffer->pictureType);
@@ -252,20 +249,13 @@ NVENCSTATUS NVENCAPI createInstance(NV_ENCODE_API_FUNCTION_LIST* list) {
     ENTRY("NvEncodeAPICreateInstance");
     functionListApi = list->version & 0x0F00FFFFu;
     if (list->version != nvencStructVersion(functionListApi, 2, false)) return breach("function list version");
-    list->nvEncOpenEncodeSessionEx = openSession;
-    list->nvEncGetEncodeCaps = getCaps;
-    list->nvEncGetEncodePresetConfig = getPreset;
-    list->nvEncGetEncodePresetConfigEx = getPresetEx;
-    list->nvEncInitializeEncoder = initialize;
-    list->nvEncCreateBitstreamBuffer = createBitstream;
-    list->nvEncDestroyBitstreamBuffer = destroyBitstream;
-    list->nvEncRegisterResource = registerResource;
-    list->nvEncUnregisterResource = unregisterResource;
-    list->nvEncMapInputResource = mapResource;
-    list->nvEncUnmapInputResource = unmapResource;
-    list->nvEncEncodePicture = encodePicture;
-    list->nvEncLockBitstream = lockBitstream;
-    list->nvEncUnlockBitstream = unlockBitstream;
+    list->nvEncOpenEncodeSessionEx = openSession, list->nvEncGetEncodeCaps = getCaps;
+    list->nvEncGetEncodePresetConfig = getPreset, list->nvEncGetEncodePresetConfigEx = getPresetEx;
+    list->nvEncInitializeEncoder = initialize, list->nvEncCreateBitstreamBuffer = createBitstream;
+    list->nvEncDestroyBitstreamBuffer = destroyBitstream, list->nvEncRegisterResource = registerResource;
+    list->nvEncUnregisterResource = unregisterResource, list->nvEncMapInputResource = mapResource;
+    list->nvEncUnmapInputResource = unmapResource, list->nvEncEncodePicture = encodePicture;
+    list->nvEncLockBitstream = lockBitstream, list->nvEncUnlockBitstream = unlockBitstream;
     list->nvEncDestroyEncoder = destroyEncoder;
     return NV_ENC_SUCCESS;
 }

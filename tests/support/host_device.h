@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "device/device_api.h"
-#include "support/random_bytes.h"
+#include "support.h"
 
 class OnHostDevice : public testing::Test {
 protected:
