@@ -3,13 +3,9 @@
 #include "device/device_api.h"
 
 // A failed CUDA driver call: its error name, code NV_ENC_ERR_GENERIC.
-#define CUDA_DRVAPI_CALL(call)                                                                        \
-    do {                                                                                              \
-        const int result = (call);                                                                    \
-        if (result != 0)                                                                              \
-            NVENC_THROW_ERROR(std::string("CUDA driver API error ") + device::api().driverErrorName(result), \
-                              NV_ENC_ERR_GENERIC);                                                    \
-    } while (0)
+#define CUDA_DRVAPI_CALL(call)                                                                       \
+    throwIfCudaDriverCallFailed<NVENCException>((call), device::api().driverErrorName, NV_ENC_ERR_GENERIC, \
+                                                NVCODEC_FUNCTION, __FILE__, __LINE__)
 
 using device::PushedContext;
 
