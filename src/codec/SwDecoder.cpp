@@ -135,7 +135,8 @@ const de265_image* SwDecoder::decodeRecord() {
         int more = 0;
         const de265_error status = de265_decode(decoder, &more);
         if (const de265_image* picture = de265_get_next_picture(decoder)) {
-            referenceChainEnd = qrvTell(stream);
+            // The whole record was read (no end of file), so it ends where its size says.
+            referenceChainEnd = recordStart + int64_t(lastRecord.fileBytes());
             return picture;
         }
         if (!more || std::chrono::steady_clock::now() > deadline) break;

@@ -21,11 +21,9 @@
 namespace {
 
 constexpr uint64_t kSampleInfoBytes = sizeof(QrvSampleInfo);
-// frameNumber, captureTime, frameType, payloadBytes.
-constexpr uint64_t kRecordHeadBytes = 20;
 constexpr uint64_t kTrailerBytes = 4;
 // The least room one record takes in a file: its head, its sample info and its index entry.
-constexpr uint64_t kLeastRecordFileBytes = kRecordHeadBytes + kSampleInfoBytes + sizeof(QrvIndexEntry);
+constexpr uint64_t kLeastRecordFileBytes = kQrvRecordHeadBytes + kSampleInfoBytes + sizeof(QrvIndexEntry);
 
 bool readExact(FILE* stream, void* destination, size_t bytes) {
     return fread(destination, 1, bytes, stream) == bytes;
@@ -85,7 +83,7 @@ enum class HeadRead { Refused, Short, Read };
 // refused and the stream is stepped back to where it stood; the step is relative, so that a
 // walk over a file asks the system for its position only when it refuses a record.
 HeadRead readHead(FILE* stream, int64_t highest, QrvRecordHead& head, uint32_t& payloadBytes) {
-    uint8_t raw[kRecordHeadBytes];
+    uint8_t raw[kQrvRecordHeadBytes];
     const size_t got = fread(raw, 1, sizeof raw, stream);
     memcpy(&head.frameNumber, raw, std::min<size_t>(got, 4));
     if (got < 4 || int64_t(head.frameNumber) > highest) {
@@ -148,7 +146,7 @@ bool readRecordTables(const FileBytes& file, const std::vector<QrvIndexEntry>& i
     FileRangeReader ranges(file, size_t(count) * stride, [&](size_t j) {
         const size_t record = j / stride;
         if (heads && j % 2 == 0)
-            return record < index.size() ? FileRange{index[record].recordOffset, kRecordHeadBytes} : kNoFileRange;
+            return record < index.size() ? FileRange{index[record].recordOffset, kQrvRecordHeadBytes} : kNoFileRange;
         return record + 1 < index.size() ? sampleInfoBefore(index[record + 1]) : kNoFileRange;
     });
     for (size_t record = 0; record < count; ++record) {
@@ -184,7 +182,7 @@ bool finishIndexRead(FILE* stream, bool read) {
 
 // Seeks to a record whose head lies within the file.
 bool seekToRecord(FILE* stream, uint64_t offset) {
-    return rangeInFile(fileSize(stream), offset, kRecordHeadBytes) &&
+    return rangeInFile(fileSize(stream), offset, kQrvRecordHeadBytes) &&
            qrvSeek(stream, int64_t(offset), SEEK_SET) == 0;
 }
 
@@ -416,10 +414,10 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
 bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
                      std::vector<uint8_t>* payload) {
     const int64_t size = fileSize(stream);
-    uint8_t raw[kRecordHeadBytes];
+    uint8_t raw[kQrvRecordHeadBytes];
     if (!readAt(stream, size, offset, raw, sizeof raw)) return false;
     decodeHead(raw, head, payloadBytes);
-    if (!rangeInFile(size, offset + kRecordHeadBytes, payloadBytes)) return false;
+    if (!rangeInFile(size, offset + kQrvRecordHeadBytes, payloadBytes)) return false;
     if (!payload) return true;
     payload->resize(payloadBytes);
     return readExact(stream, payload->data(), payloadBytes);

@@ -18,6 +18,8 @@
 constexpr uint32_t kKeyFrameType = 3;
 constexpr size_t kMetadataBytes = 256;
 constexpr size_t kMetadataWords = kMetadataBytes / 4;
+// frameNumber, captureTime, frameType, payloadBytes.
+constexpr uint64_t kQrvRecordHeadBytes = 20;
 
 struct QrvIndexEntry {
     uint64_t recordOffset;  // stream position of the record's frameNumber
@@ -151,6 +153,9 @@ struct QrvSoftwareRecord {
     uint32_t payloadBytes;
     uint64_t sampleTime;
     uint32_t metadata[kMetadataWords];
+
+    // Bytes the record takes in the file: head, payload and sample info.
+    uint64_t fileBytes() const { return kQrvRecordHeadBytes + payloadBytes + sizeof(QrvSampleInfo); }
 };
 
 // Reads the record at the stream's position into `record`, its payload into
