@@ -3,18 +3,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "api/codec_object.h"
 #include "codec/HwEncoder.h"
 #include "codec/SwEncoder.h"
 
 namespace {
 
-#define ZOQRV_TEXT(x) #x
-#define ZOQRV_EXPAND_TEXT(x) ZOQRV_TEXT(x)
 const char kUnknownChoice[] = "ZOQRV_ENCODER must be nvenc, auto or x265";
-const char kNoLibx265[] = "the software encoder needs libx265.so." ZOQRV_EXPAND_TEXT(X265_BUILD)
-                          ", which cannot be loaded";
-#undef ZOQRV_EXPAND_TEXT
-#undef ZOQRV_TEXT
 
 enum class Choice { Nvenc, Auto, Software, Unknown };
 
@@ -26,15 +21,11 @@ Choice readChoice() {
     return Choice::Unknown;
 }
 
-// An encoder that cannot be made (its memory, for a huge frame size) counts as not ready.
 template <class Made>
 std::unique_ptr<Encoder> readyOrNull(uint32_t dataFormat, uint32_t codec, uint32_t lossless, uint64_t bitrate,
                                      uint32_t width, uint32_t height, uint32_t frameRate) {
-    try {
-        auto encoder = std::make_unique<Made>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
-        if (encoder->isReady()) return encoder;
-    } catch (...) {
-    }
+    auto encoder = makeCodecObject<Made>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
+    if (encoder && encoder->isReady()) return encoder;
     return nullptr;
 }
 
@@ -55,6 +46,6 @@ std::unique_ptr<Encoder> createChosenEncoder(uint32_t dataFormat, uint32_t codec
     auto software = readyOrNull<SwEncoder>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
     // Asked for by name, a missing libx265 is worth its own text; with "auto" it only means
     // that there is no software encoder.
-    if (!software && choice == Choice::Software && !SwEncoder::library()) *failure = kNoLibx265;
+    if (!software && choice == Choice::Software && !SwEncoder::library()) *failure = SwEncoder::kMissingLibraryText;
     return software;
 }

@@ -10,6 +10,7 @@
 
 #include "NVCompression/NvCodec/NvEncoder/NvEncoderCapabilities.h"
 #include "api/encoder_choice.h"
+#include "api/codec_object.h"
 #include "api/pipe.h"
 #include "codec/Exception.h"
 
@@ -60,17 +61,6 @@ DecodeMode decodeMode(const ZoHwPipe& pipe) {
     if (pipe.hwDecoder && pipe.hwDecoder->isReady()) return DecodeMode::Hardware;
     if (pipe.swDecoder && pipe.swDecoder->isReady()) return DecodeMode::Software;
     return DecodeMode::None;
-}
-
-// Construction of a codec object never throws to the host: an object that cannot be made
-// (its memory, for a huge frame size) counts as one that is not ready.
-template <class Codec, class... Arguments>
-std::unique_ptr<Codec> makeCodecObject(Arguments... arguments) {
-    try {
-        return std::make_unique<Codec>(arguments...);
-    } catch (...) {
-        return nullptr;
-    }
 }
 
 // Running out of memory while reading a file or keeping the index is a failed call, not an

@@ -19,8 +19,6 @@ namespace {
 // appends the build number).
 constexpr const char kLibraryName[] = "libx265.so." ZOQRV_EXPAND_TEXT(X265_BUILD);
 constexpr const char kEntryPoint[] = "x265_api_get_" ZOQRV_EXPAND_TEXT(X265_BUILD);
-#undef ZOQRV_EXPAND_TEXT
-#undef ZOQRV_TEXT
 
 // NVENC's picture types, so that files from either encoder carry the same frame types.
 uint32_t nvencPictureType(int sliceType) {
@@ -38,6 +36,11 @@ constexpr uint32_t kSmallestCtu = 16;
 uint32_t encodedSize(uint32_t size) { return std::max(kSmallestCtu, size + (size & 1)); }
 
 }  // namespace
+
+const char SwEncoder::kMissingLibraryText[] =
+    "the software encoder needs libx265.so." ZOQRV_EXPAND_TEXT(X265_BUILD) ", which cannot be loaded";
+#undef ZOQRV_EXPAND_TEXT
+#undef ZOQRV_TEXT
 
 // The settings of the NVENC path: no look-ahead, B-frames or frame threads, so each frame's
 // access unit leaves in its own call; an IDR with parameter sets every GOP; lossless, or CBR
