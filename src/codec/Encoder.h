@@ -21,6 +21,10 @@ public:
     virtual const uint8_t* outputBuffer() const = 0;
 
     uint32_t encodedFrames() const { return encodedFrameCount; }
+    // Frames from one IDR to the next: a second of frames, half a second when lossless.
+    static uint32_t gopLength(uint32_t lossless, uint32_t frameRate) {
+        return lossless == 1 ? frameRate >> 1 : frameRate;
+    }
     void appendIndexEntry(uint64_t filePosition, uint32_t frameType) {
         index.push_back(QrvIndexEntry{filePosition, frameType, 0});
     }

@@ -78,7 +78,7 @@ HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInt
     GUID presetGuid = lossless == 1 ? kNvEncPresetLosslessDefaultGuid : kNvEncPresetLowLatencyHqGuid;
     if (!legacy) presetGuid = lossless == 1 ? NV_ENC_PRESET_P3_GUID : NV_ENC_PRESET_P4_GUID;
     const NV_ENC_TUNING_INFO tuningInfo = lossless == 1 ? NV_ENC_TUNING_INFO_LOSSLESS : NV_ENC_TUNING_INFO_LOW_LATENCY;
-    const uint32_t gopLength = lossless == 1 ? frameRate >> 1 : frameRate;
+    const uint32_t gopLength = Encoder::gopLength(lossless, frameRate);
 
     NV_ENC_CONFIG config = {};
     NV_ENC_INITIALIZE_PARAMS params = {};

@@ -61,9 +61,9 @@ bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossl
     param->frameNumThreads = 1;
     param->scenecutThreshold = 0;
     param->bOpenGOP = 0;
-    // GOP as on NVENC: a second of frames, half of it lossless. A frame rate of 1 lossless
-    // would give 0, which libx265 does not take: every frame is then an IDR.
-    const int gop = std::max<int>(1, static_cast<int>(lossless == 1 ? frameRate >> 1 : frameRate));
+    // GOP as on NVENC. A frame rate of 1 lossless would give 0, which libx265 does not take:
+    // every frame is then an IDR.
+    const int gop = std::max<int>(1, static_cast<int>(gopLength(lossless, frameRate)));
     param->keyframeMax = param->keyframeMin = gop;
     param->bRepeatHeaders = 1;
     param->bAnnexB = 1;
