@@ -6,7 +6,9 @@
 #   scripts/make-fuzz-corpus.sh OUT_DIR [ZOQRV]
 #
 # OUT_DIR/<harness>/ receives the seeds of each harness in fuzz/ (see the input layout at the
-# top of each harness); OUT_DIR/streams/ keeps the streams and QRV files they come from.
+# top of each harness); OUT_DIR/streams/ keeps the streams and QRV files they come from. The
+# seek-stress and allocation-failure harnesses record their file themselves; their seeds are
+# call scripts.
 set -euo pipefail
 
 out=${1:?usage: make-fuzz-corpus.sh OUT_DIR [ZOQRV]}
@@ -15,7 +17,7 @@ for tool in ffmpeg python3 "$zoqrv"; do
   command -v "$tool" >/dev/null || { echo "make-fuzz-corpus: $tool not found" >&2; exit 2; }
 done
 streams="$out/streams"
-mkdir -p "$streams" "$out/fuzz_qrv_file" "$out/fuzz_sw_payload" "$out/fuzz_annexb_zoqrv"
+mkdir -p "$streams" "$out"/fuzz_{qrv_file,qrv_file_hw,sw_payload,annexb_zoqrv,seek_stress,allocation_failure}
 
 # seed NAME CODEC WIDTH HEIGHT FRAMES KEYINT: NAME.hevc or NAME.h264 and NAME.qrv.
 seed() {
@@ -61,8 +63,31 @@ for line in (streams / "list.txt").read_text().split("\n"):
     # Read three records, seek to sample 2 and read, ask sample 1's time and metadata, seek to 0.
     operations = bytes([0, 0, 0, 0x43, 0, 0x82, 0xC2, 0x41])
     (out / "fuzz_qrv_file" / name).write_bytes(size + operations + qrv.read_bytes())
+    # On hardware pipes of 8-bit samples and of colour images: seek to sample 0 first (past the
+    # header), then as above.
+    codec = 1 if name.startswith("hevc") else 0
+    for data_format in (3, 0):
+        (out / "fuzz_qrv_file_hw" / f"{name}_{data_format}").write_bytes(
+            size + bytes([codec | data_format << 1, 0x41]) + operations[1:] + qrv.read_bytes())
     if name.startswith("hevc"):
         (out / "fuzz_sw_payload" / name).write_bytes(size + b"QRVNEXT".join(list(records(qrv))[:4]))
     for path in streams.glob(name + ".*"):
         if path.suffix != ".txt": (out / "fuzz_annexb_zoqrv" / path.name).write_bytes(path.read_bytes())
+PY
+
+# Seek scripts for both pipe kinds: into every GOP, back, to the last sample and past the index,
+# with reads and look-ups between.
+python3 - "$out" <<'PY'
+import sys, pathlib
+out = pathlib.Path(sys.argv[1])
+scripts = [bytes([0x41, 0, 0, 0, 0x46, 0, 0, 0x4D, 0, 0, 0x40, 0x8A, 0xC5, 0x4F, 0]),
+           bytes([0x4E, 0, 0, 0x43, 0, 0x42, 0, 0x8E, 0xCF, 0x4B, 0, 0, 0, 0])]
+for kind in (0, 1):
+    for i, script in enumerate(scripts):
+        (out / "fuzz_seek_stress" / f"script{i}_{kind}").write_bytes(bytes([kind]) + script)
+# Allocation failures spread over the whole call sequence, once and from then on, with every
+# encoder data format and both codings.
+operations = bytes([0x41, 0, 0, 0x43, 0, 0x82, 0xC2, 0x45, 0, 0x47, 0, 0x8A])
+for k in list(range(1, 400, 7)) + [1 << 15 | k for k in (1, 2, 3, 5, 8, 13, 21, 34, 55, 89, 144, 233)]:
+    (out / "fuzz_allocation_failure" / f"k{k}").write_bytes(k.to_bytes(2, "little") + bytes([k % 12]) + operations)
 PY

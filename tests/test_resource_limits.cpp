@@ -125,6 +125,30 @@ TEST(OutOfMemory, CreationFailsWithItsTextAndANullPipe) {
     EXPECT_STREQ(ZOHW_GetError(nullptr), "unsupported hardware or codec for encoding");
 }
 
+// Without memory a read fails with its result and a call on the wrong kind of pipe still sets
+// its text; neither throws std::bad_alloc into the C host.
+TEST(OutOfMemory, DecodingAndErrorTextsFailWithoutThrowing) {
+    TestFile file = openBytes(readFile(ZOQRV_SOURCE_DIR "/tests/data/fuzz/huge-picture-claim.qrv"));
+    Pipe pipe = softwarePipe(64, 48);
+    ASSERT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 0u);
+    ASSERT_EQ(ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), 0), 0u);
+    std::vector<uint8_t> frame(64 * 48 * 2);
+    uint8_t metadata[256];
+    uint32_t frameNumber = 0, frameType = 0;
+    uint64_t time = 0, size = 0;
+    uint32_t read = 0, encode = 0;
+    {
+        const AllocationCap cap(0);  // checks come after it: a failing check needs memory
+        read = ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber, &time, &frameType,
+                                           metadata);
+        encode = ZOHW_Encode(pipe.get(), &size, frame.data(), 128, frame.data());
+    }
+    EXPECT_EQ(read, 1u);
+    EXPECT_EQ(encode, 1u);
+    EXPECT_STREQ(ZOHW_GetError(pipe.get()), "Invalid ZoHwPipe encoder.");
+    EXPECT_GT(refusedAllocations, 0u);
+}
+
 TEST(OutOfMemory, ReadingTheIndexFails) {
     QrvBuilder builder;
     for (uint32_t i = 1; i <= 8; ++i) builder.add(i, i * 1000, 3, {0, 0, 1, 0x26});

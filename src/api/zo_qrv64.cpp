@@ -2,6 +2,7 @@
 // and the copies into caller memory. The codec objects do the work.
 #include <cuda_runtime_api.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <iostream>
@@ -29,6 +30,18 @@ const char kNoEncoder[] = "Invalid ZoHwPipe encoder.";
 const char kNoDecoder[] = "Invalid ZoHwPipe decoder.";
 const char kDecoderUnsupported[] = "Unsupported hardware or codec for decoding";
 const char kEncoderUnsupported[] = "unsupported hardware or codec for encoding";
+
+// A pipe whose error text already has room for the longest text that a call sets, so that a
+// failing call never needs memory to report itself; null when memory is short.
+std::unique_ptr<ZoHwPipe> newPipe() {
+    try {
+        auto pipe = std::make_unique<ZoHwPipe>();
+        pipe->error.reserve(std::max(sizeof kNoEncoder, sizeof kNoDecoder));
+        return pipe;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 
 bool isEncoderPipe(ZoHwPipe* pipe) {
     if (!pipe) {
@@ -63,9 +76,9 @@ DecodeMode decodeMode(const ZoHwPipe& pipe) {
     return DecodeMode::None;
 }
 
-// Running out of memory while reading a file or keeping the index is a failed call, not an
-// exception for a C host. The exceptions that hosts are promised (Exception, the codec
-// exceptions, "invalid vector<T> subscript") still pass.
+// Running out of memory while reading or decoding a file or keeping the index is a failed
+// call, not an exception for a C host. The exceptions that hosts are promised (Exception, the
+// codec exceptions, "invalid vector<T> subscript") still pass.
 template <class Call>
 uint32_t failOnExhaustion(Call call) {
     try {
@@ -103,7 +116,7 @@ ZOHW_API ZoHwPipe* ZOHW_CreateEncoder(uint32_t dataFormat, uint32_t codec, uint3
                                       uint32_t width, uint32_t height, uint64_t bitrate,
                                       uint32_t frameRate) {
     const char* failure = kEncoderUnsupported;
-    std::unique_ptr<ZoHwPipe> pipe(new (std::nothrow) ZoHwPipe());
+    std::unique_ptr<ZoHwPipe> pipe = newPipe();
     if (pipe) {
         pipe->encoder =
             createChosenEncoder(dataFormat, codec, lossless, bitrate, width, height, frameRate, &failure);
@@ -117,7 +130,7 @@ ZOHW_API ZoHwPipe* ZOHW_CreateEncoder(uint32_t dataFormat, uint32_t codec, uint3
 
 ZOHW_API ZoHwPipe* ZOHW_CreateDecoder(uint32_t dataFormat, uint32_t codec, uint32_t width,
                                       uint32_t height, uint32_t swReserved) {
-    std::unique_ptr<ZoHwPipe> pipe(new (std::nothrow) ZoHwPipe());
+    std::unique_ptr<ZoHwPipe> pipe = newPipe();
     if (pipe) {
         pipe->hwDecoder = makeCodecObject<HwDecoder>(dataFormat, codec, width, height);
         const bool hardware = pipe->hwDecoder && pipe->hwDecoder->isReady();
@@ -190,27 +203,31 @@ ZOHW_API uint32_t ZOHW_DecodeFrameAndMetadata(ZoHwPipe* pipe, FILE* stream, void
     // Both modes take the lock (software reading was once left unlocked), so that a seek and a
     // sequential read on one pipe never run inside the decoder at the same time.
     std::lock_guard<std::mutex> guard(pipe->lock);
-    switch (decodeMode(*pipe)) {
-        case DecodeMode::Hardware: {
-            int result = 0;
-            for (int tries = 0; tries < kRecordTries && result < 1; ++tries)
-                result = pipe->hwDecoder->decodeNextRecord(stream, outFrame, outFrameNumber,
-                                                           outCaptureTime, outFrameType, infoBytes,
-                                                           pipe->width, pipe->height);
-            if (result != 1) return kFailed;
-            break;
+    const uint32_t read = failOnExhaustion([&] {
+        switch (decodeMode(*pipe)) {
+            case DecodeMode::Hardware: {
+                int result = 0;
+                for (int tries = 0; tries < kRecordTries && result < 1; ++tries)
+                    result = pipe->hwDecoder->decodeNextRecord(stream, outFrame, outFrameNumber,
+                                                               outCaptureTime, outFrameType, infoBytes,
+                                                               pipe->width, pipe->height);
+                if (result != 1) return kFailed;
+                break;
+            }
+            case DecodeMode::Software: {
+                auto decodeOnce = [&] {
+                    return pipe->swDecoder->decodeNextRecord(
+                        stream, static_cast<uint8_t*>(outFrame), outFrameNumber, outCaptureTime,
+                        outFrameType, infoBytes, pipe->width, pipe->height, true);
+                };
+                if (!decodeOnce() && !decodeOnce()) return kFailed;
+                break;
+            }
+            case DecodeMode::None: return kFailed;
         }
-        case DecodeMode::Software: {
-            auto decodeOnce = [&] {
-                return pipe->swDecoder->decodeNextRecord(
-                    stream, static_cast<uint8_t*>(outFrame), outFrameNumber, outCaptureTime,
-                    outFrameType, infoBytes, pipe->width, pipe->height, true);
-            };
-            if (!decodeOnce() && !decodeOnce()) return kFailed;
-            break;
-        }
-        case DecodeMode::None: return kFailed;
-    }
+        return kOk;
+    });
+    if (read != kOk) return kFailed;
     std::memcpy(outMetadata, info.metadata, sizeof info.metadata);
     return kOk;
 }
@@ -283,13 +300,15 @@ ZOHW_API uint32_t ZOHW_SetHEVCPositionInFile(ZoHwPipe* pipe, FILE* stream, int32
     if (!isDecoderPipe(pipe)) return kFailed;
     if (!stream) return kFailed;
     std::lock_guard<std::mutex> guard(pipe->lock);
-    bool found = false;
-    switch (decodeMode(*pipe)) {
-        case DecodeMode::Hardware: found = pipe->hwDecoder->seekToSample(stream, sample); break;
-        case DecodeMode::Software: found = pipe->swDecoder->seekToSample(stream, sample); break;
-        case DecodeMode::None: break;
-    }
-    return found ? kOk : kFailed;
+    return failOnExhaustion([&] {
+        bool found = false;
+        switch (decodeMode(*pipe)) {
+            case DecodeMode::Hardware: found = pipe->hwDecoder->seekToSample(stream, sample); break;
+            case DecodeMode::Software: found = pipe->swDecoder->seekToSample(stream, sample); break;
+            case DecodeMode::None: break;
+        }
+        return found ? kOk : kFailed;
+    });
 }
 
 ZOHW_API uint32_t ZOHW_CreateQRVContainer(ZoHwPipe* pipe, FILE* stream, const uint8_t* header,
