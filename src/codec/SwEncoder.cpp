@@ -108,11 +108,13 @@ SwEncoder::SwEncoder(uint32_t dataFormat_, uint32_t codec, uint32_t lossless, ui
     if (codec != kHevc || frameBytes == 0 || frameWidth < width) return;
     api = library();
     if (!api) return;
-    param = api->param_alloc();
-    if (!param || !configure(*api, param, lossless, bitrate, planeWidth, planeHeight, frameRate)) return;
+    // Every buffer before libx265's objects: a failed allocation then leaves nothing of
+    // libx265's behind, as the destructor does not run.
     frame.assign(packing::nv12Bytes(frameWidth, height), 0);
     planes.assign(size_t(planeWidth) * planeHeight * 3 / 2, 0);
     output.resize(size_t(width) * height * 4);
+    param = api->param_alloc();
+    if (!param || !configure(*api, param, lossless, bitrate, planeWidth, planeHeight, frameRate)) return;
     api->picture_init(param, &input);
     input.colorSpace = X265_CSP_I420;
     input.bitDepth = 8;
