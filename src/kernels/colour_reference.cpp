@@ -160,7 +160,8 @@ void Bgra32ToNv12_fast(const uint8_t* bgra, int bgraPitch, uint8_t* nv12, int nv
                        int colourStandard) {
     const Bgra32ToNv12Job job{bgra, bgraPitch, nv12, nv12Pitch, width, height, colourStandard};
     // A thread for every 2^18 pixels at least, so that starting it stays small beside its work.
-    const int pairs = (height + 1) / 2;
-    splitOverThreads(pairs, std::max(1, (1 << 17) / std::max(width, 1)),
-                     [&job](int first, int end) { bgra32ToNv12RowPairs(job, first, end); });
+    const size_t pairs = (static_cast<size_t>(std::max(height, 0)) + 1) / 2;
+    splitOverThreads(pairs, (1 << 17) / std::max(width, 1), [&job](size_t first, size_t end) {
+        bgra32ToNv12RowPairs(job, static_cast<int>(first), static_cast<int>(end));
+    });
 }

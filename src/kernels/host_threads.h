@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -10,13 +11,13 @@
 // at most one part per hardware thread; the calling thread takes the first part. A part whose
 // thread cannot be started runs on the calling thread.
 template <class Work>
-void splitOverThreads(int count, int minimum, const Work& work) {
-    const int threads = std::clamp(count / std::max(minimum, 1), 1,
-                                   std::max(1, static_cast<int>(std::thread::hardware_concurrency())));
-    const auto bound = [&](int part) { return static_cast<int>(static_cast<long long>(count) * part / threads); };
+void splitOverThreads(size_t count, size_t minimum, const Work& work) {
+    const size_t threads = std::clamp<size_t>(count / std::max<size_t>(minimum, 1), 1,
+                                              std::max(1u, std::thread::hardware_concurrency()));
+    const auto bound = [&](size_t part) { return count / threads * part + count % threads * part / threads; };
     std::vector<std::thread> helpers;
     helpers.reserve(threads - 1);
-    for (int part = 1; part < threads; ++part) {
+    for (size_t part = 1; part < threads; ++part) {
         try {
             helpers.emplace_back(work, bound(part), bound(part + 1));
         } catch (const std::system_error&) {
