@@ -216,3 +216,19 @@ TEST_F(Gpu, ColourMatchesTheTwins) {
                 EXPECT_EQ(out.read(), expected);
             }
 }
+
+// The software encoder's fast conversion gives the twin's bytes: random pixels, odd widths and
+// heights around the vector lengths, empty images, padded pitches, each standard's codes, and a
+// picture large enough to be spread over threads.
+TEST(Colour, FastBgraToNv12MatchesTheTwin) {
+    const std::pair<int, int> sizes[] = {{1, 1}, {2, 2}, {3, 5}, {17, 4}, {33, 9}, {70, 11}, {0, 3}, {5, 0}, {640, 1025}};
+    for (const auto& [w, h] : sizes)
+        for (int code : {0, 2, 4}) {
+            const int rgbPitch = 4 * w + 12, yuvPitch = w + 5;
+            const Bytes bgra = randomBytes(size_t(rgbPitch) * h, w * h + code);
+            Bytes expected(size_t(yuvPitch) * (h + (h + 1) / 2), kPoison), actual = expected;
+            Bgra32ToNv12_reference(bgra.data(), rgbPitch, expected.data(), yuvPitch, w, h, code);
+            Bgra32ToNv12_fast(bgra.data(), rgbPitch, actual.data(), yuvPitch, w, h, code);
+            EXPECT_EQ(actual, expected) << w << "x" << h << " standard " << code;
+        }
+}

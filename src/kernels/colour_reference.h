@@ -21,3 +21,7 @@ void Bgra64ToP016_reference(const uint8_t* bgra, int bgraPitch, uint8_t* p016, i
 // BGRA to NV12 with the matrix that Nv12ToColor32 inverts; one chroma pair per 2 × 2 block.
 void Bgra32ToNv12_reference(const uint8_t* bgra, int bgraPitch, uint8_t* nv12, int nv12Pitch,
                             int width, int height, int colourStandard);
+// The same bytes as Bgra32ToNv12_reference, row pairs in vectorisable loops spread over the
+// CPU's threads: the software encoder's conversion.
+void Bgra32ToNv12_fast(const uint8_t* bgra, int bgraPitch, uint8_t* nv12, int nv12Pitch, int width, int height,
+                       int colourStandard);

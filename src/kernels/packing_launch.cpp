@@ -121,7 +121,7 @@ uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t frameP
 bool packOnHost(uint32_t code, const void* src, uint32_t srcPitch, uint8_t* frame, uint32_t framePitch,
                 uint32_t width, uint32_t height) {
     if (code == kColour32) {
-        Bgra32ToNv12_reference(static_cast<const uint8_t*>(src), static_cast<int>(srcPitch), frame,
+        Bgra32ToNv12_fast(static_cast<const uint8_t*>(src), static_cast<int>(srcPitch), frame,
                                static_cast<int>(framePitch), static_cast<int>(width), static_cast<int>(height), 0);
         return true;
     }

@@ -1,6 +1,7 @@
 #include "kernels/packing_reference.h"
 
 #include "device/device_api.h"
+#include "kernels/host_threads.h"
 #include "kernels/packing.h"
 #include "kernels/packing_threads.h"
 
@@ -9,13 +10,27 @@ namespace {
 using ThreadWork = void (*)(const unsigned char*, unsigned, unsigned char*, unsigned, unsigned,
                             unsigned, unsigned, unsigned);
 
-void runGrid(const packing::LaunchGeometry& geometry, ThreadWork work, const unsigned char* src,
-             unsigned srcPitch, unsigned char* dst, unsigned dstPitch, unsigned width,
-             unsigned height) {
+// Grid rows [first, end). The arguments are values, which stores through `dst` cannot alias, so
+// they stay in registers.
+template <ThreadWork work>
+void runRows(unsigned columns, size_t first, size_t end, const unsigned char* src, unsigned srcPitch,
+             unsigned char* dst, unsigned dstPitch, unsigned width, unsigned height) {
+    for (size_t y = first; y < end; ++y)
+        for (unsigned x = 0; x < columns; ++x)
+            work(src, srcPitch, dst, dstPitch, width, height, x, static_cast<unsigned>(y));
+}
+
+// The grid's rows are spread over the CPU's threads: each grid thread writes only its own bytes.
+// The work is a template argument so that it inlines into the row loop.
+template <ThreadWork work>
+void runGrid(const packing::LaunchGeometry& geometry, const unsigned char* src, unsigned srcPitch,
+             unsigned char* dst, unsigned dstPitch, unsigned width, unsigned height) {
     const unsigned columns = geometry.gridX * geometry.blockX;
-    const unsigned rows = geometry.gridY * geometry.blockY;
-    for (unsigned y = 0; y < rows; ++y)
-        for (unsigned x = 0; x < columns; ++x) work(src, srcPitch, dst, dstPitch, width, height, x, y);
+    const size_t rows = static_cast<size_t>(geometry.gridY) * geometry.blockY;
+    // A part of at least 2^18 grid threads, so that starting a thread stays small beside its work.
+    splitOverThreads(rows, (1u << 18) / columns, [=](size_t first, size_t end) {
+        runRows<work>(columns, first, end, src, srcPitch, dst, dstPitch, width, height);
+    });
 }
 
 }  // namespace
@@ -23,7 +38,7 @@ void runGrid(const packing::LaunchGeometry& geometry, ThreadWork work, const uns
 #define ZOQRV_DEFINE_PACKING_REFERENCE(name, work, geometry)                                      \
     void name##_reference(const unsigned char* src, unsigned int srcPitch, unsigned char* dst, \
                           unsigned int dstPitch, unsigned int width, unsigned int height) {    \
-        runGrid(geometry, work, src, srcPitch, dst, dstPitch, width, height);                  \
+        runGrid<work>(geometry, src, srcPitch, dst, dstPitch, width, height);                  \
     }
 
 using packing::decodeGeometry;
@@ -47,12 +62,15 @@ ZOQRV_DEFINE_PACKING_REFERENCE(nv12_to_uyvy, packing::unpackUyvy,
 
 void device::runPackingOnHost(const PackingLaunch& launch) {
     // In the order of PackingKernel.
-    static const ThreadWork work[] = {
-        packing::unpackSample<4>, packing::packSample<4>, packing::unpackSample<2>, packing::packSample<2>,
-        packing::unpackUyvy,      packing::packUyvy,      packing::unpackSample<1>, packing::packSample<1>,
-        packing::unpackNibblePair, packing::packNibble,
+    using Grid = void (*)(const packing::LaunchGeometry&, const unsigned char*, unsigned, unsigned char*,
+                          unsigned, unsigned, unsigned);
+    static const Grid grids[] = {
+        runGrid<packing::unpackSample<4>>,   runGrid<packing::packSample<4>>, runGrid<packing::unpackSample<2>>,
+        runGrid<packing::packSample<2>>,     runGrid<packing::unpackUyvy>,    runGrid<packing::packUyvy>,
+        runGrid<packing::unpackSample<1>>,   runGrid<packing::packSample<1>>, runGrid<packing::unpackNibblePair>,
+        runGrid<packing::packNibble>,
     };
-    runGrid(launch.geometry, work[static_cast<uint32_t>(launch.kernel)],
-            static_cast<const unsigned char*>(launch.src), launch.srcPitch,
-            static_cast<unsigned char*>(launch.dst), launch.dstPitch, launch.width, launch.height);
+    grids[static_cast<uint32_t>(launch.kernel)](launch.geometry, static_cast<const unsigned char*>(launch.src),
+                                                launch.srcPitch, static_cast<unsigned char*>(launch.dst),
+                                                launch.dstPitch, launch.width, launch.height);
 }
