@@ -171,7 +171,9 @@ private:
     ScopedDriverApi scopedDriver_;
 };
 
-// Frame kinds: device, device with a driver-chosen pitch, host.
+// Frame kinds: device, device with a driver-chosen pitch, host. The first sequence sets up the decoder
+// from the coded size (x265 codes whole 8 x 8 blocks, x264 16 x 16 macroblocks); a later one of another
+// size leaves it as it was.
 class NvDecoderFrames : public Decoding, public testing::WithParamInterface<std::tuple<StreamCase, int>> {};
 
 TEST_P(NvDecoderFrames, EveryPictureMatchesTheReferenceDecode) {
@@ -185,37 +187,31 @@ TEST_P(NvDecoderFrames, EveryPictureMatchesTheReferenceDecode) {
         EXPECT_TRUE(frames[0] == reference[i]) << "picture " << i << " differs from ffmpeg's";
         EXPECT_EQ(stamps, std::vector<int64_t>{int64_t(100 + i)});
     }
-    EXPECT_EQ(decoder->GetWidth(), 198);
-    EXPECT_EQ(decoder->GetHeight(), 118);
+    EXPECT_EQ(std::make_tuple(decoder->GetWidth(), decoder->GetHeight()), std::make_tuple(198, 118));
     if (kind == 1) { EXPECT_EQ(decoder->GetDeviceFramePitch(), 256); }
-}
-
-INSTANTIATE_TEST_SUITE_P(Streams, NvDecoderFrames, testing::Combine(testing::Values(kHevc198, kH264198),
-                                                                    testing::Values(0, 1, 2)));
-
-TEST_F(Decoding, SequenceSetsUpTheDecoderFromTheCodedSizeOnce) {
-    load(kHevc198);
-    auto decoder = make(cudaVideoCodec_HEVC);
-    decode(*decoder, payloads[0], 0);
+    const unsigned long coded = c.codec ? 200 : 208, codedHeight = c.codec ? 120 : 128;
     ASSERT_EQ(fake.decodersCreated.size(), 1u);
     const CUVIDDECODECREATEINFO& info = fake.decodersCreated[0];
     EXPECT_EQ(std::vector<unsigned long>({info.ulWidth, info.ulHeight, info.ulTargetWidth, info.ulTargetHeight,
                                           info.ulNumDecodeSurfaces, info.ulNumOutputSurfaces}),
-              std::vector<unsigned long>({200, 120, 200, 120, 20, 2}));
+              std::vector<unsigned long>({coded, codedHeight, coded, codedHeight, 20, 2}));
     EXPECT_EQ(fake.sequenceResults, std::vector<int>{20});
     EXPECT_THAT(decoder->GetVideoInfo(),
-                HasSubstr("\tSequence     : Progressive\n\tCoded size   : [200, 120]\n"
-                          "\tDisplay area : [0, 0, 198, 118]\n\tChroma       : YUV 420\n\tBit depth    : 8\n"
+                HasSubstr("\tSequence     : Progressive\n\tCoded size   : [" + std::to_string(coded) + ", " +
+                          std::to_string(codedHeight) +
+                          "]\n\tDisplay area : [0, 0, 198, 118]\n\tChroma       : YUV 420\n\tBit depth    : 8\n"
                           "Video Decoding Params:\n\tNum Surfaces : 20\n\tCrop         : [0, 0, 0, 0]\n"
-                          "\tResize       : 200x120\n\tDeinterlace  : Weave\n\n"));
-
-    // A second sequence with another size leaves the decoder as it was.
-    const auto other = hevcStream("wpp_640x480").payloads();
+                          "\tResize       : " + std::to_string(coded) + "x" + std::to_string(codedHeight) +
+                          "\n\tDeinterlace  : Weave\n\n"));
+    const auto other = hevcStream(c.codec ? "wpp_640x480" : "h264_gop5_200x120", c.codec ? "tests" : "h264").payloads();
     decode(*decoder, other[0], 1);
     EXPECT_EQ(fake.sequenceResults.size(), 2u);
     EXPECT_EQ(fake.decodersCreated.size(), 1u);
     EXPECT_EQ(decode(*decoder, payloads[0], 2).at(0), reference[0]);
 }
+
+INSTANTIATE_TEST_SUITE_P(Streams, NvDecoderFrames, testing::Combine(testing::Values(kHevc198, kH264198),
+                                                                    testing::Values(0, 1, 2)));
 
 class HwPipes : public Decoding, public testing::WithParamInterface<std::tuple<StreamCase, uint32_t>> {};
 
@@ -225,8 +221,8 @@ TEST_P(HwPipes, ReadInOrderAndBySeekingAsTheCpuTwinUnpacksTheReference) {
     expectPipeReadsAsTheReference(stream, c.codec, code, kHardware);
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, HwPipes, testing::Combine(testing::Values(kHevc200, kHevc198, kH264200, kH264198),
-                                                            testing::Range(0u, 6u)));
+const auto kPipes = testing::Combine(testing::Values(kHevc200, kHevc198, kH264200, kH264198), testing::Range(0u, 6u));
+INSTANTIATE_TEST_SUITE_P(Formats, HwPipes, kPipes);
 
 TEST_F(Decoding, DecodeRetriesThriceAndKeepsTheLastOfSeveralPictures) {
     load(kHevc200);
@@ -271,58 +267,51 @@ TEST_F(Decoding, SequentialReadingTriesFourRecords) {
     }
 }
 
-// What creation or decoding refuses, and the line each prints.
-struct RefusalCase {
-    const char* name;
-    void (*before)(FakeCuvid&);  // before creation
-    void (*after)(FakeCuvid&);   // after creation
-    uint32_t codec, type;
-    const char* printed;  // start of standard output
-};
-void none(FakeCuvid&) {}
-class HwRefusals : public Decoding, public testing::WithParamInterface<RefusalCase> {};
-
-TEST_P(HwRefusals, FallBackOrFailWithTheirTexts) {
+// What creation or decoding refuses, and the line each prints once.
+TEST_F(Decoding, RefusalsFallBackOrFailWithTheirTexts) {
     load(kHevc200);
-    const RefusalCase& c = GetParam();
-    c.before(fake);
-    testing::internal::CaptureStdout();
-    Pipe p = pipe(kUint8, c.codec, 200, 120);
-    ASSERT_TRUE(p);
-    EXPECT_EQ(ZOHW_GetDecoderType(p.get()), c.type);
-    c.after(fake);
-    Bytes out(200 * 120);
-    if (c.type == kHardware) { EXPECT_EQ(ZOHW_Decode(p.get(), payloads[0].data(), payloads[0].size(), out.data()), 1u); }
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(printed.rfind(c.printed, 0), 0u) << printed;
-    if (*c.printed) { EXPECT_EQ(printed.find(c.printed, 1), std::string::npos) << "printed once"; }
+    const struct {
+        void (*spoil)(FakeCuvid&);
+        bool afterCreation;  // or before it
+        uint32_t codec, type;
+        const char* printed;  // start of standard output
+    } cases[] = {
+        {[](FakeCuvid& f) { f.supported.clear(); }, false, 1, kSoftware, ""},  // no HEVC on this GPU
+        {[](FakeCuvid&) {}, false, 2, kSoftware, ""},
+        {[](FakeCuvid& f) { f.failing["cuvidCtxLockCreate"] = CUresult(2); }, false, 1, kSoftware,
+         "Failed to create decoder (NvDecoder::NvDecoder : cuvidCtxLockCreate(&m_ctxLock, cuContext) returned error 2 at "},
+        {[](FakeCuvid& f) { f.failing["cuvidCreateVideoParser"] = CUresult(2); }, false, 1, kSoftware,
+         "Failed to create decoder (NvDecoder::NvDecoder : cuvidCreateVideoParser(&m_hParser, "
+         "&videoParserParameters) returned error 2 at "},
+        {[](FakeCuvid& f) { f.supported.clear(); }, true, 1, kHardware,
+         "Decode failed (NvDecoder::HandleVideoSequence : Codec not supported on this GPU at "},
+        {[](FakeCuvid& f) { f.maxWidth = 199; }, true, 1, kHardware,
+         "Decode failed (NvDecoder::HandleVideoSequence : \nResolution          : 200x120\n"
+         "Max Supported (wxh) : 199x4096\nResolution not supported on this GPU at "},
+        {[](FakeCuvid& f) { f.failing["cuvidMapVideoFrame64"] = CUresult(999); }, true, 1, kHardware,
+         "Decode failed (NvDecoder::HandlePictureDisplay : cuvidMapVideoFrame(m_hDecoder, pDispInfo->picture_index, "
+         "&dpSrcFrame, &nSrcPitch, &videoProcessingParameters) returned error 999 at "},
+        {[](FakeCuvid& f) { f.maxMBCount = 1; }, true, 1, kHardware, ""},  // silently
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+        resetFakeCuvid();
+        if (!c.afterCreation) c.spoil(fake);
+        testing::internal::CaptureStdout();
+        Pipe p = pipe(kUint8, c.codec, 200, 120);
+        ASSERT_TRUE(p);
+        EXPECT_EQ(ZOHW_GetDecoderType(p.get()), c.type);
+        if (c.afterCreation) c.spoil(fake);
+        Bytes out(200 * 120);
+        if (c.type == kHardware) { EXPECT_EQ(ZOHW_Decode(p.get(), payloads[0].data(), payloads[0].size(), out.data()), 1u); }
+        p.reset();
+        const std::string printed = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(printed.rfind(c.printed, 0), 0u) << printed;
+        if (*c.printed) { EXPECT_EQ(printed.find(c.printed, 1), std::string::npos) << "printed once"; }
+        for (const std::string& breach : fake.faults) ADD_FAILURE() << breach;
+        EXPECT_EQ(fake.liveObjects(), 0u);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, HwRefusals,
-    testing::Values(
-        RefusalCase{"NoHevcOnThisGpu", [](FakeCuvid& f) { f.supported.clear(); }, none, 1, kSoftware, ""},
-        RefusalCase{"CodecTwo", none, none, 2, kSoftware, ""},
-        RefusalCase{"ContextLock", [](FakeCuvid& f) { f.failing["cuvidCtxLockCreate"] = CUresult(2); }, none, 1,
-                    kSoftware,
-                    "Failed to create decoder (NvDecoder::NvDecoder : cuvidCtxLockCreate(&m_ctxLock, cuContext) "
-                    "returned error 2 at "},
-        RefusalCase{"Parser", [](FakeCuvid& f) { f.failing["cuvidCreateVideoParser"] = CUresult(2); }, none, 1,
-                    kSoftware,
-                    "Failed to create decoder (NvDecoder::NvDecoder : cuvidCreateVideoParser(&m_hParser, "
-                    "&videoParserParameters) returned error 2 at "},
-        RefusalCase{"SequenceCodec", none, [](FakeCuvid& f) { f.supported.clear(); }, 1, kHardware,
-                    "Decode failed (NvDecoder::HandleVideoSequence : Codec not supported on this GPU at "},
-        RefusalCase{"SequenceResolution", none, [](FakeCuvid& f) { f.maxWidth = 199; }, 1, kHardware,
-                    "Decode failed (NvDecoder::HandleVideoSequence : \nResolution          : 200x120\n"
-                    "Max Supported (wxh) : 199x4096\nResolution not supported on this GPU at "},
-        RefusalCase{"Map", none, [](FakeCuvid& f) { f.failing["cuvidMapVideoFrame64"] = CUresult(999); }, 1,
-                    kHardware,
-                    "Decode failed (NvDecoder::HandlePictureDisplay : cuvidMapVideoFrame(m_hDecoder, "
-                    "pDispInfo->picture_index, &dpSrcFrame, &nSrcPitch, &videoProcessingParameters) returned error "
-                    "999 at "},
-        RefusalCase{"MacroblocksSilently", none, [](FakeCuvid& f) { f.maxMBCount = 1; }, 1, kHardware, ""}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // A failing driver call at any point of creation and decoding: no leak, no fault, no crash.
 // Failing destroy and unmap calls leave their object in the driver, and the status of
@@ -390,7 +379,6 @@ TEST_P(GpuDecoding, PipesReadAsTheReference) {
     expectPipeReadsAsTheReference(hevcStream(c.name, c.set), c.codec, code, kHardware);
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, GpuDecoding, testing::Combine(testing::Values(kHevc200, kHevc198, kH264200, kH264198),
-                                                                testing::Range(0u, 6u)));
+INSTANTIATE_TEST_SUITE_P(Formats, GpuDecoding, kPipes);
 
 }  // namespace

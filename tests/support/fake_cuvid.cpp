@@ -46,31 +46,30 @@ struct Picture {
     CUVIDEOFORMAT format = {};
     std::vector<uint8_t> nv12;
     int64_t pts = 0;
-    Picture() = default;
-    // Filler samples of the coded size, 8-bit progressive.
-    Picture(cudaVideoCodec codec, uint32_t codedWidth, uint32_t codedHeight, decltype(CUVIDEOFORMAT::display_area) area,
-            cudaVideoChromaFormat chroma, int64_t time)
-        : pts(time) {
-        format.codec = codec;
-        format.progressive_sequence = 1;
-        format.coded_width = codedWidth;
-        format.coded_height = codedHeight;
-        format.display_area = area;
-        format.chroma_format = chroma;
-        allocate();
-    }
     uint32_t width() const { return format.coded_width; }
     uint32_t height() const { return format.coded_height; }
     void allocate() { nv12.assign(size_t(width()) * (height() + (height() + 1) / 2), kFiller); }
     uint8_t* chroma() { return nv12.data() + size_t(width()) * height(); }
-    // The visible w x h area at the top left from 4:2:0 planes: luma, Cb and Cr interleaved.
-    void fill(const uint8_t* const planes[3], const int strides[3], uint32_t w, uint32_t h) {
-        place(planes[0], strides[0], w, h, nv12.data(), width());
-        for (uint32_t r = 0; r < (h + 1) / 2; ++r)
-            for (uint32_t c = 0; c < (w + 1) / 2; ++c)
-                for (int k = 0; k < 2; ++k) chroma()[r * width() + 2 * c + k] = planes[1 + k][r * strides[1 + k] + c];
-    }
 };
+
+// A progressive picture of the coded size; the visible w x h area at its top left comes from
+// 8-bit 4:2:0 planes (luma, Cb and Cr interleaved), the rest is filler.
+Picture picture(cudaVideoCodec codec, uint32_t codedWidth, uint32_t codedHeight,
+                decltype(CUVIDEOFORMAT::display_area) area, int bitDepth, cudaVideoChromaFormat chroma, int64_t pts,
+                const uint8_t* const planes[3], const int strides[3], uint32_t w, uint32_t h) {
+    Picture p;
+    p.format.codec = codec, p.format.progressive_sequence = 1, p.format.display_area = area;
+    p.format.coded_width = codedWidth, p.format.coded_height = codedHeight, p.format.chroma_format = chroma;
+    p.format.bit_depth_luma_minus8 = uint8_t(bitDepth - 8);
+    p.pts = pts;
+    p.allocate();
+    if (chroma != cudaVideoChromaFormat_420 || bitDepth != 8) return p;
+    place(planes[0], strides[0], w, h, p.nv12.data(), codedWidth);
+    for (uint32_t r = 0; r < (h + 1) / 2; ++r)
+        for (uint32_t c = 0; c < (w + 1) / 2; ++c)
+            for (int k = 0; k < 2; ++k) p.chroma()[r * codedWidth + 2 * c + k] = planes[1 + k][r * strides[1 + k] + c];
+    return p;
+}
 
 class RealDecoder {
 public:
@@ -101,15 +100,12 @@ public:
 private:
     static Picture picture(const de265_image* image) {
         const int w = de265_get_image_width(image, 0), h = de265_get_image_height(image, 0);
-        Picture p(cudaVideoCodec_HEVC, unsigned(w + 7) / 8 * 8, unsigned(h + 7) / 8 * 8, {0, 0, w, h},
-                  cudaVideoChromaFormat(de265_get_chroma_format(image)), de265_get_image_PTS(image));
-        p.format.bit_depth_luma_minus8 = uint8_t(de265_get_bits_per_pixel(image, 0) - 8);
         const uint8_t* planes[3];
         int strides[3];
         for (int c = 0; c < 3; ++c) planes[c] = de265_get_image_plane(image, c, &strides[c]);
-        if (p.format.chroma_format == cudaVideoChromaFormat_420 && !p.format.bit_depth_luma_minus8)
-            p.fill(planes, strides, uint32_t(w), uint32_t(h));
-        return p;
+        return ::picture(cudaVideoCodec_HEVC, unsigned(w + 7) / 8 * 8, unsigned(h + 7) / 8 * 8, {0, 0, w, h},
+                         de265_get_bits_per_pixel(image, 0), cudaVideoChromaFormat(de265_get_chroma_format(image)),
+                         de265_get_image_PTS(image), planes, strides, uint32_t(w), uint32_t(h));
     }
 
     de265_decoder_context* context_;
@@ -143,12 +139,12 @@ public:
         std::vector<Picture> out;
         for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) {
             const bool yuv420 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
-            Picture p(cudaVideoCodec_H264, uint32_t(frame_->width), uint32_t(frame_->height),
-                      {int(frame_->crop_left), int(frame_->crop_top), frame_->width - int(frame_->crop_right),
-                       frame_->height - int(frame_->crop_bottom)},
-                      yuv420 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444, frame_->pts);
-            if (yuv420) p.fill(frame_->data, frame_->linesize, p.width(), p.height());
-            out.push_back(std::move(p));
+            const uint32_t w = uint32_t(frame_->width), h = uint32_t(frame_->height);
+            out.push_back(picture(cudaVideoCodec_H264, w, h,
+                                  {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
+                                   int(h - frame_->crop_bottom)},
+                                  8, yuv420 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444, frame_->pts,
+                                  frame_->data, frame_->linesize, w, h));
         }
         if (endOfStream) avcodec_flush_buffers(context_);
         return out;
@@ -276,11 +272,10 @@ CUresult CUDAAPI mapVideoFrame(CUvideodecoder handle, int picture, unsigned long
     if (!params->progressive_frame) return breach("the fake maps progressive frames only");
     const CUVIDDECODECREATEINFO& info = decoder->info;
     const auto& area = info.display_area;
-    const bool whole = !area.left && !area.top && !area.right && !area.bottom;
-    const uint32_t left = whole ? 0 : uint32_t(area.left), top = whole ? 0 : uint32_t(area.top);
-    const uint32_t w = whole ? uint32_t(info.ulWidth) : uint32_t(area.right - area.left);
-    const uint32_t h = whole ? uint32_t(info.ulHeight) : uint32_t(area.bottom - area.top);
-    if (w != info.ulTargetWidth || h != info.ulTargetHeight) return breach("the fake does not scale", kNotSupported);
+    if (area.left || area.top || area.right || area.bottom || info.ulTargetWidth != info.ulWidth ||
+        info.ulTargetHeight != info.ulHeight)
+        return breach("the fake does not crop or scale", kNotSupported);
+    const uint32_t w = uint32_t(info.ulWidth), h = uint32_t(info.ulHeight);
 
     // Wider than the picture, and the chroma plane starts below the whole target height.
     Picture& surface = decoder->surfaces[size_t(picture)];
@@ -289,9 +284,8 @@ CUresult CUDAAPI mapVideoFrame(CUvideodecoder handle, int picture, unsigned long
     if (const int result = device::api().allocate(&mapped, size_t(framePitch) * (h + (h + 1) / 2)))
         return CUresult(result);
     auto* out = static_cast<uint8_t*>(mapped);
-    place(surface.nv12.data() + size_t(top) * surface.width() + left, int(surface.width()), w, h, out, framePitch);
-    place(surface.chroma() + size_t(top / 2) * surface.width() + left, int(surface.width()), w, (h + 1) / 2,
-          out + size_t(framePitch) * h, framePitch);
+    place(surface.nv12.data(), int(surface.width()), w, h, out, framePitch);
+    place(surface.chroma(), int(surface.width()), w, (h + 1) / 2, out + size_t(framePitch) * h, framePitch);
     decoder->mapped.insert(*frame = reinterpret_cast<unsigned long long>(mapped));
     *pitch = framePitch;
     return CUDA_SUCCESS;

@@ -44,8 +44,8 @@ Object* mappedResource(Session& session, void* mapped) {
 
 // Each entry logs its call, and a chosen failure answers before anything is done; session
 // entries find their session, and every structure's version word must be the session's.
-#define ENTRY(name)               \
-    fake().calls.push_back(name); \
+#define ENTRY(name)   \
+    ++fake().calls[name]; \
     if (fake().failing.count(name)) return fake().failing[name]
 #define SESSION_ENTRY(name, encoder)                                                                     \
     ENTRY(name);                                                                                         \
@@ -55,14 +55,10 @@ Object* mappedResource(Session& session, void* mapped) {
     if ((word) != nvencStructVersion(session.api, n, extended)) \
     return breach(std::string("version word of ") + #word, NV_ENC_ERR_INVALID_VERSION)
 
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // the legacy presets are what the fake checks for
 bool isLegacyPreset(const GUID& preset) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    for (const GUID& legacy : {NV_ENC_PRESET_DEFAULT_GUID, NV_ENC_PRESET_LOW_LATENCY_HQ_GUID,
-                               NV_ENC_PRESET_LOSSLESS_DEFAULT_GUID, NV_ENC_PRESET_LOSSLESS_HP_GUID})
-#pragma GCC diagnostic pop
-        if (same(legacy, preset)) return true;
-    return false;
+    return same(preset, NV_ENC_PRESET_DEFAULT_GUID) || same(preset, NV_ENC_PRESET_LOW_LATENCY_HQ_GUID) ||
+           same(preset, NV_ENC_PRESET_LOSSLESS_DEFAULT_GUID) || same(preset, NV_ENC_PRESET_LOSSLESS_HP_GUID);
 }
 
 NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
@@ -290,12 +286,6 @@ DriverApi FakeNvenc::driverApi() {
 }
 
 size_t FakeNvenc::openSessions() const { return sessions.size(); }
-
-size_t FakeNvenc::callCount(const std::string& name) const {
-    size_t n = 0;
-    for (const std::string& call : calls) n += call == name;
-    return n;
-}
 
 std::vector<uint8_t> FakeNvenc::payload(uint32_t index, uint32_t type, const uint8_t* surface, uint32_t pitch,
                                         uint32_t width, uint32_t height, NV_ENC_BUFFER_FORMAT format, size_t bytes) {

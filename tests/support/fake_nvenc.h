@@ -24,7 +24,8 @@ struct FakeNvenc {
     std::map<std::string, NVENCSTATUS> failing;  // entry point → its status ("load": no library)
 
     // ---- What happened
-    std::vector<std::string> calls, faults;
+    std::map<std::string, size_t> calls;  // entry point → how often it was called
+    std::vector<std::string> faults;
     NV_ENC_INITIALIZE_PARAMS initParams = {};  // of the last initialisation, its configuration below
     NV_ENC_CONFIG config = {};
     int librariesLoaded = 0;  // minus those freed
@@ -32,7 +33,6 @@ struct FakeNvenc {
 
     // Starts a fresh driver: no sessions, and this fake's behaviour.
     DriverApi driverApi();
-    size_t callCount(const std::string& name) const;
     // The payload of a picture: index, type and a hash of the surface's visible part (NV12: luma
     // and chroma rows of `width` bytes; ARGB: rows of 4 · width), zero-padded to `bytes`.
     static std::vector<uint8_t> payload(uint32_t index, uint32_t type, const uint8_t* surface, uint32_t pitch,
