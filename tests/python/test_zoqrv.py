@@ -7,8 +7,8 @@ import zoqrv
 FRAMES, FPS = 10, 8  # lossless at 8 frames/s: a key frame every 4 frames
 
 
-def record(path, kind, size, frames, **options):
-    with zoqrv.Recorder(str(path), kind, size, FPS, **options) as rec:
+def record(path, kind, size, frames):
+    with zoqrv.Recorder(str(path), kind, size, FPS) as rec:
         for i, frame in enumerate(frames):
             rec.write(frame, 1000 * i + 7, np.array([i, 0xFFFFFFFF - i], np.uint32))
 
