@@ -57,13 +57,6 @@ void reserveTable(std::vector<T>& table, size_t count) {
 #endif
 }
 
-// Offsets come from the file and are not trusted: a range outside the file is refused
-// instead of becoming a negative seek or a read from wherever the stream stands.
-bool readAt(FILE* stream, int64_t size, uint64_t offset, void* destination, size_t bytes) {
-    return rangeInFile(size, offset, bytes) && qrvSeek(stream, int64_t(offset), SEEK_SET) == 0 &&
-           readExact(stream, destination, bytes);
-}
-
 // captureTime, frameType and payloadBytes: the 16 bytes after a record's frameNumber.
 void decodeHeadTail(const uint8_t* raw, QrvRecordHead& head, uint32_t& payloadBytes) {
     memcpy(&head.captureTime, raw, 8);
@@ -411,14 +404,18 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
 
 // ---- Record access by offset ------------------------------------------------------
 
-bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
+bool qrvReadRecordAt(const FileBytes& file, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
                      std::vector<uint8_t>* payload) {
-    const int64_t size = fileSize(stream);
     uint8_t raw[kQrvRecordHeadBytes];
-    if (!readAt(stream, size, offset, raw, sizeof raw)) return false;
+    if (file.read(offset, raw, sizeof raw) != sizeof raw) return false;
     decodeHead(raw, head, payloadBytes);
-    if (!rangeInFile(size, offset + kQrvRecordHeadBytes, payloadBytes)) return false;
+    if (!rangeInFile(file.size(), offset + kQrvRecordHeadBytes, payloadBytes)) return false;
     if (!payload) return true;
     payload->resize(payloadBytes);
-    return readExact(stream, payload->data(), payloadBytes);
+    return file.read(offset + kQrvRecordHeadBytes, payload->data(), payloadBytes) == payloadBytes;
+}
+
+bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
+                     std::vector<uint8_t>* payload) {
+    return qrvReadRecordAt(FileBytes(stream), offset, head, payloadBytes, payload);
 }
