@@ -2,10 +2,10 @@
 // every range: the index readers ask for a head or a sample info of every record.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
 #include <vector>
 
 // True when [offset, offset + bytes) lies within a file of `size` bytes (a size below 0 is
@@ -45,7 +45,9 @@ constexpr FileRange kNoFileRange{UINT64_MAX, 1};
 // kGapBytes of the window so far (and not before it), up to kWindowBytes. A file of small
 // records costs one read per window instead of one per record; an index whose offsets jump
 // about costs one small read per range, since every byte read lies at most kGapBytes before
-// a range that is asked for.
+// a range that is asked for. Range is a callable, size_t -> FileRange; opening a recording
+// asks for millions of ranges, so it is a template parameter that the compiler can inline.
+template <typename Range>
 class FileRangeReader {
 public:
     static constexpr uint64_t kWindowBytes = 1 << 20;
@@ -54,21 +56,49 @@ public:
     static constexpr uint64_t kGapBytes = 4096;
 
     // range(j) is the j-th of `count` ranges.
-    FileRangeReader(const FileBytes& file, size_t count, std::function<FileRange(size_t)> range);
+    FileRangeReader(const FileBytes& file, size_t count, Range range)
+        : file_(file), count_(count), range_(std::move(range)),
+          readableBytes_(uint64_t(std::max<int64_t>(file.size(), 0))) {}
 
     // The bytes of range j, or null when they do not lie within the file or cannot be read.
     // Valid until the next call.
-    const uint8_t* at(size_t j);
+    const uint8_t* at(size_t j) {
+        const FileRange r = range_(j);
+        if (!usable(r)) return nullptr;
+        if (!inWindow(r)) fetch(j, r);
+        return inWindow(r) ? window_.data() + (r.offset - windowStart_) : nullptr;
+    }
 
 private:
-    bool usable(const FileRange& r) const;
-    bool inWindow(const FileRange& r) const;
+    bool usable(const FileRange& r) const {
+        return r.bytes <= kWindowBytes && rangeInFile(int64_t(readableBytes_), r.offset, r.bytes);
+    }
+    bool inWindow(const FileRange& r) const {
+        // Usable ranges lie within the file, so these sums cannot overflow.
+        return r.offset >= windowStart_ && r.offset + r.bytes <= windowStart_ + windowBytes_;
+    }
     // Reads range j together with the ranges after it that fit one window.
-    void fetch(size_t j, const FileRange& first);
+    void fetch(size_t j, const FileRange& first) {
+        uint64_t end = first.offset + first.bytes;
+        for (size_t k = j + 1; k < count_; ++k) {
+            const FileRange next = range_(k);
+            if (!usable(next)) continue;  // needs no bytes
+            if (next.offset < first.offset || next.offset > end + kGapBytes ||
+                next.offset + next.bytes - first.offset > kWindowBytes)
+                break;
+            end = std::max(end, next.offset + next.bytes);
+        }
+        window_.resize(size_t(end - first.offset));
+        windowStart_ = first.offset;
+        windowBytes_ = file_.read(first.offset, window_.data(), window_.size());
+        // A short read means the file ends there now (it was cut short, or cannot be read
+        // further): ranges beyond are not asked for again, each with a read of its own.
+        if (windowBytes_ < window_.size()) readableBytes_ = first.offset + windowBytes_;
+    }
 
     const FileBytes& file_;
     size_t count_;
-    std::function<FileRange(size_t)> range_;
+    Range range_;
     std::vector<uint8_t> window_;
     uint64_t windowStart_ = 0;
     uint64_t windowBytes_ = 0;  // bytes read into the window

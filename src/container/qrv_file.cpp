@@ -57,13 +57,6 @@ void reserveTable(std::vector<T>& table, size_t count) {
 #endif
 }
 
-// Offsets come from the file and are not trusted: a range outside the file is refused
-// instead of becoming a negative seek or a read from wherever the stream stands.
-bool readAt(FILE* stream, int64_t size, uint64_t offset, void* destination, size_t bytes) {
-    return rangeInFile(size, offset, bytes) && qrvSeek(stream, int64_t(offset), SEEK_SET) == 0 &&
-           readExact(stream, destination, bytes);
-}
-
 // captureTime, frameType and payloadBytes: the 16 bytes after a record's frameNumber.
 void decodeHeadTail(const uint8_t* raw, QrvRecordHead& head, uint32_t& payloadBytes) {
     memcpy(&head.captureTime, raw, 8);
@@ -304,14 +297,24 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
         return RecordOutcome::NotDecoded;
     }
     int decoded = -1;
+    // The sample info comes with the payload when the buffer has room for it after the
+    // payload: a call into stdio costs more than copying 264 bytes.
+    const bool infoAfterPayload =
+        payloadBytes <= payloadBuffer_.size() && payloadBuffer_.size() - payloadBytes >= kSampleInfoBytes;
+    bool infoRead = false;
     if (payloadBytes > payloadBuffer_.size()) {
         // No frame of this size has such a payload: skip it so the stream stays at record starts.
         qrvSeek(stream, int64_t(payloadBytes), SEEK_CUR);
-    } else if (readExact(stream, payloadBuffer_.data(), payloadBytes)) {
-        decoded = decode(payloadBuffer_.data(), payloadBytes, frame);
+    } else {
+        const size_t got =
+            fread(payloadBuffer_.data(), 1, payloadBytes + (infoAfterPayload ? kSampleInfoBytes : 0), stream);
+        if (got >= payloadBytes) decoded = decode(payloadBuffer_.data(), payloadBytes, frame);
+        infoRead = infoAfterPayload && got == payloadBytes + kSampleInfoBytes;
+        if (infoRead) memcpy(sampleInfo, payloadBuffer_.data() + payloadBytes, kSampleInfoBytes);
     }
     // Read whatever the decode gave; one that cannot be read is handed on as zeros.
-    if (!readExact(stream, sampleInfo, kSampleInfoBytes)) memset(sampleInfo, 0, kSampleInfoBytes);
+    if (!infoAfterPayload) infoRead = readExact(stream, sampleInfo, kSampleInfoBytes);
+    if (!infoRead) memset(sampleInfo, 0, kSampleInfoBytes);
     return decoded >= 1 ? RecordOutcome::Decoded : RecordOutcome::NotDecoded;
 }
 
@@ -397,13 +400,23 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
     if (readHead(stream, sampleCount, record.head, record.payloadBytes) != HeadRead::Read) return false;
     const bool fits = record.payloadBytes <= capacity;
     size_t payloadRead = 0;
-    if (fits)
-        payloadRead = fread(payload, 1, record.payloadBytes, stream);
-    else
-        qrvSeek(stream, int64_t(record.payloadBytes), SEEK_CUR);
-    // sampleTime and the metadata, unchecked, in one read.
-    uint8_t info[kSampleInfoBytes];
-    const size_t infoRead = fread(info, 1, sizeof info, stream);
+    // sampleTime and the metadata, unchecked: read with the payload when the buffer has room
+    // for both (a call into stdio costs more than copying 264 bytes), else on their own.
+    uint8_t infoBuffer[kSampleInfoBytes];
+    const uint8_t* info = infoBuffer;
+    size_t infoRead = 0;
+    if (fits && capacity - record.payloadBytes >= kSampleInfoBytes) {
+        const size_t got = fread(payload, 1, record.payloadBytes + kSampleInfoBytes, stream);
+        payloadRead = std::min<size_t>(got, record.payloadBytes);
+        info = payload + record.payloadBytes;
+        infoRead = got - payloadRead;
+    } else {
+        if (fits)
+            payloadRead = fread(payload, 1, record.payloadBytes, stream);
+        else
+            qrvSeek(stream, int64_t(record.payloadBytes), SEEK_CUR);
+        infoRead = fread(infoBuffer, 1, sizeof infoBuffer, stream);
+    }
     memcpy(&record.sampleTime, info, std::min<size_t>(infoRead, 8));
     if (infoRead > 8) memcpy(record.metadata, info + 8, infoRead - 8);
     return fits && payloadRead >= 1;
@@ -411,14 +424,18 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
 
 // ---- Record access by offset ------------------------------------------------------
 
-bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
+bool qrvReadRecordAt(const FileBytes& file, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
                      std::vector<uint8_t>* payload) {
-    const int64_t size = fileSize(stream);
     uint8_t raw[kQrvRecordHeadBytes];
-    if (!readAt(stream, size, offset, raw, sizeof raw)) return false;
+    if (file.read(offset, raw, sizeof raw) != sizeof raw) return false;
     decodeHead(raw, head, payloadBytes);
-    if (!rangeInFile(size, offset + kQrvRecordHeadBytes, payloadBytes)) return false;
+    if (!rangeInFile(file.size(), offset + kQrvRecordHeadBytes, payloadBytes)) return false;
     if (!payload) return true;
     payload->resize(payloadBytes);
-    return readExact(stream, payload->data(), payloadBytes);
+    return file.read(offset + kQrvRecordHeadBytes, payload->data(), payloadBytes) == payloadBytes;
+}
+
+bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
+                     std::vector<uint8_t>* payload) {
+    return qrvReadRecordAt(FileBytes(stream), offset, head, payloadBytes, payload);
 }

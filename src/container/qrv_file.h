@@ -167,8 +167,14 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
 
 // ---- Record access by offset (tools) ------------------------------------------------
 
+class FileBytes;
+
 // Reads the head and payload size of the record at `offset` and, when `payload` is not
 // null, its payload (resized to fit). False when the head or the whole payload does not
-// lie within the file, so a hostile size never causes a large allocation.
+// lie within the file, so a hostile size never causes a large allocation. A loop over many
+// records passes the FileBytes of its file, which knows the file's size and reads by
+// offset, so that no record costs a seek to the end of the file.
+bool qrvReadRecordAt(const FileBytes& file, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
+                     std::vector<uint8_t>* payload);
 bool qrvReadRecordAt(FILE* stream, uint64_t offset, QrvRecordHead& head, uint32_t& payloadBytes,
                      std::vector<uint8_t>* payload);

@@ -1,5 +1,6 @@
 // zoqrv export FILE STREAM
 #include "commands.h"
+#include "container/file_ranges.h"
 #include "container/qrv_file.h"
 
 int runExport(const Arguments& args) {
@@ -12,11 +13,12 @@ int runExport(const Arguments& args) {
     File output = openFile(args[1], "wb");
     if (!output) return fail("cannot create " + args[1]);
 
+    const FileBytes file(input.get());
     std::vector<uint8_t> payload;
     for (size_t i = 0; i < tables.frameList.size(); ++i) {
         QrvRecordHead head{};
         uint32_t payloadBytes = 0;
-        if (!qrvReadRecordAt(input.get(), tables.frameList[i].recordOffset, head, payloadBytes, &payload))
+        if (!qrvReadRecordAt(file, tables.frameList[i].recordOffset, head, payloadBytes, &payload))
             return fail(args[0] + ": record " + std::to_string(i) + " is unreadable");
         if (fwrite(payload.data(), 1, payload.size(), output.get()) != payload.size())
             return fail("cannot write " + args[1]);

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "container/annexb.h"
+#include "container/file_ranges.h"
 #include "container/qrv_file.h"
 #include "recording_header.h"
 
@@ -13,11 +14,12 @@ namespace {
 const char kUsage[] = "info FILE [--records] [--metadata S]";
 
 void printRecords(FILE* stream, const QrvSoftwareIndex& tables) {
+    const FileBytes file(stream);
     for (size_t i = 0; i < tables.frameList.size(); ++i) {
         const QrvIndexEntry& entry = tables.frameList[i];
         QrvRecordHead head{};
         uint32_t payloadBytes = 0;
-        if (!qrvReadRecordAt(stream, entry.recordOffset, head, payloadBytes, nullptr)) {
+        if (!qrvReadRecordAt(file, entry.recordOffset, head, payloadBytes, nullptr)) {
             printf("record %zu: unreadable at offset %" PRIu64 "\n", i, entry.recordOffset);
             continue;
         }
