@@ -37,7 +37,9 @@ Bytes readBoth(FILE* stream) {
 // The tables from a regular file, after checking that a memory stream gives the same.
 Bytes readBothWays(Bytes bytes) {
     const Bytes tables = readBoth(openBytes(bytes).get());
-    if (!bytes.empty()) EXPECT_EQ(readBoth(TestFile(fmemopen(bytes.data(), bytes.size(), "rb")).get()), tables);
+    if (!bytes.empty()) {
+        EXPECT_EQ(readBoth(TestFile(fmemopen(bytes.data(), bytes.size(), "rb")).get()), tables);
+    }
     return tables;
 }
 
@@ -94,10 +96,8 @@ TEST(QrvReading, DamagedFiles) {
         {"empty", 0, 0, 0, 0, false, false}, {"3 bytes", 3, 0, 0, 0, false, false},
         {"no index", builder.records.size(), 0, 0, 0, false, false}, {"intact", whole.size(), 0, 0, 0, true, true},
         {"count 0", whole.size(), count, 0, 4, false, false}, {"count 1000", whole.size(), count, 1000, 4, false, false},
-        {"count 2^31", whole.size(), count, 1ull << 31, 4, false, false},
         {"count 2^32-1", whole.size(), count, 0xFFFFFFFF, 4, false, false},
         {"count 7: metadata read as entries", whole.size(), count, 7, 4, true, false},
-        {"offset 2^40", whole.size(), entry2, 1ull << 40, 8, true, false},
         {"offset 2^63", whole.size(), entry2, 1ull << 63, 8, true, false},
         {"offset 2^64-1", whole.size(), entry2, ~0ull, 8, true, false},
         {"offset 100", whole.size(), entry2, 100, 8, true, true},

@@ -108,9 +108,8 @@ TEST(Tool, RejectsBadInputsAndArguments) {
     for (const auto& [path, contents] : {std::pair{text, Bytes(50, 'x')}, {damaged, bytes}})
         fwrite(contents.data(), 1, contents.size(), TestFile(fopen(path.c_str(), "wb")).get());
     const std::pair<std::string, int> cases[] = {
-        {"import '" + text + "' '" + dir + "/x.qrv'", 1}, {"info '" + text + "'", 1}, {"info '" + dir + "/none'", 1},
-        {"export '" + text + "' '" + dir + "/x.bin'", 1}, {"export '" + damaged + "' '" + dir + "/x.bin'", 1},
-        {"", 2}, {"frobnicate", 2}, {"info", 2}, {"import only-one", 2}, {"export a", 2}, {"import a b --fps 0", 2},
+        {"import '" + text + "' '" + dir + "/x.qrv'", 1}, {"info '" + dir + "/none'", 1},
+        {"export '" + damaged + "' '" + dir + "/x.bin'", 1}, {"", 2}, {"import only-one", 2}, {"import a b --fps 0", 2},
         {"info a --bogus", 2}};
     for (const auto& [arguments, status] : cases) {
         const ToolRun run = zoqrv(dir, arguments);
