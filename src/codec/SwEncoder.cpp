@@ -145,14 +145,17 @@ void SwEncoder::fillPlanes() {
     uint8_t* cb = luma + size_t(planeWidth) * planeHeight;
     uint8_t* cr = cb + size_t(chromaWidth) * chromaRows;
     const uint8_t* chroma = frame.data() + size_t(framePitch) * height;
-    const uint32_t lastPair = (frameWidth - 1) / 2, lastRow = (height - 1) / 2;
+    const uint32_t pairs = (frameWidth + 1) / 2, lastRow = (height - 1) / 2;
     for (uint32_t y = 0; y < chromaRows; ++y) {
         const uint8_t* from = chroma + size_t(std::min(y, lastRow)) * framePitch;
-        for (uint32_t x = 0; x < chromaWidth; ++x) {
-            const uint32_t pair = std::min(x, lastPair);
-            cb[size_t(y) * chromaWidth + x] = from[2 * pair];
-            cr[size_t(y) * chromaWidth + x] = from[2 * pair + 1];
+        uint8_t* u = cb + size_t(y) * chromaWidth;
+        uint8_t* v = cr + size_t(y) * chromaWidth;
+        for (uint32_t x = 0; x < pairs; ++x) {
+            u[x] = from[2 * x];
+            v[x] = from[2 * x + 1];
         }
+        std::memset(u + pairs, u[pairs - 1], chromaWidth - pairs);
+        std::memset(v + pairs, v[pairs - 1], chromaWidth - pairs);
     }
 }
 
