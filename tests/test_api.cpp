@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <thread>
 
 #include "NVCompression/NvCodec/DriverApi.h"
 #include "api/pipe.h"
@@ -67,6 +68,24 @@ TEST(PipeChecks, EveryInstanceCallChecksItsPipe) {
     EXPECT_EQ(std::make_tuple(size, readAll(qrv.get()), encoding.error),
               std::make_tuple(0u, Bytes{'Q', 'R', 'V', 0, 9, 0, 0, 0, 0}, "kept"));  // no index entries, count 0
 }
+
+// Calls failing on several threads at once leave a whole text behind, never a torn or freed one.
+TEST(PipeChecks, ParallelFailuresLeaveAWholeText) {
+    const std::string nullInstance = "Invalid ZoHwPipe instance NULL";
+    const std::string noEncoder = "unsupported hardware or codec for encoding";
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 3000; ++i) {
+                if (t % 2) EXPECT_EQ(ZOHW_GetDecoderType(nullptr), 0u);
+                else EXPECT_EQ(ZOHW_CreateEncoder(3, 1, 0, 64, 48, 1000000, 30), nullptr);
+                const std::string text = ZOHW_GetError(nullptr);
+                EXPECT_TRUE(text == nullInstance || text == noEncoder) << text;
+            }
+        });
+    for (std::thread& thread : threads) thread.join();
+}
+
 
 TEST(SharedLibrary, ExportsExactlyTheCInterfaceAndNeedsNoDriver) {
     const std::string library = ZOQRV_BINARY_DIR "/libzo_qrv64.so";

@@ -162,33 +162,3 @@ TEST(QrvReading, TablesAcrossLargeAndSparseRecords) {
     appendTable(expected, infos);
     EXPECT_EQ(readBothWays(builder.bytes()), expected);
 }
-
-TEST(QrvReading, HardwareWalkReadsTheSampleInfoWithOrAfterThePayload) {
-    // A 16 x 16 frame's buffer (1 KiB) takes a payload and its sample info in one read, a 4 x 4
-    // one (64 bytes) cannot; both walks, whole and cut inside the last info, must match the builder.
-    QrvBuilder builder(Bytes(40, 0xEE));
-    for (uint32_t i = 0; i < 5; ++i) builder.add(i + 1, 7000 + i * 1000, kKeyFrameType, Bytes(20 + i * 9, uint8_t(i)));
-    const Bytes whole = builder.bytes();
-    for (const Bytes& bytes : {whole, Bytes(whole.begin(), whole.begin() + long(builder.recordOffset(4) - 100))}) {
-        for (uint32_t side : {4u, 16u}) {
-            TestFile file = openBytes(bytes);
-            QrvHardwareReader reader;
-            ASSERT_TRUE(reader.readIndex(openBytes(whole).get()));  // the cut file has no index
-            ASSERT_EQ(fseeko(file.get(), off_t(builder.recordOffset(0)), SEEK_SET), 0);
-            const QrvDecodeStep decode = [](const uint8_t* payload, uint32_t n, void*) { return n > 0 && payload[0] != 3 ? 1 : 0; };
-            for (uint32_t r = 0; r < 4; ++r) {
-                uint32_t frameNumber = 0, frameType = 0;
-                uint64_t captureTime = 0;
-                QrvSampleInfo info;
-                const int got = reader.decodeNextRecord(file.get(), nullptr, &frameNumber, &captureTime, &frameType,
-                                                        reinterpret_cast<uint8_t*>(&info), side, side, decode);
-                const bool cut = bytes.size() < whole.size() && r == 3;
-                EXPECT_EQ(std::make_tuple(got, frameNumber, captureTime, ftello(file.get())),
-                          std::make_tuple(r == 3 ? 0 : 1, r + 1, 7000 + r * 1000ull,
-                                          int64_t(cut ? bytes.size() : builder.recordOffset(r + 1)))) << side << " " << r;
-                const QrvSampleInfo expected = cut ? QrvSampleInfo{} : testSampleInfo(7000 + r * 1000, r);
-                EXPECT_EQ(memcmp(&info, &expected, sizeof info), 0) << side << " " << r;
-            }
-        }
-    }
-}

@@ -3,6 +3,9 @@
 // keep references, missing references are concealed silently, pictures are reused) put to the test.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "support.h"
 #include "zo_qrv64.h"
 
@@ -152,4 +155,28 @@ TEST(SwDecoding, ReferenceChainsStartAtIrapPayloads) {
     ASSERT_EQ(ZOHW_CreateQRVTracker(pipe.pipe.get(), file.get()), 0u);
     ASSERT_EQ(fseeko(file.get(), position, SEEK_SET), 0);
     expectRecord(pipe.decode(), 2, 0, pictures);
+}
+
+// A seek on one thread and sequential reads on another, on one pipe and file: each call runs whole
+// under the pipe's lock, so every frame delivered is the picture of the record it names.
+TEST(SwDecoding, SeekAndReadFromTwoThreads) {
+    const HevcStream s = hevcStream("gop5_200x120");
+    const std::vector<Bytes> pictures = s.pictures();
+    TestFile file(fopen(s.qrvPath.c_str(), "rb"));
+    SwPipe pipe(file.get(), s.width, s.height);
+    std::atomic<bool> seeking{true};
+    std::thread seeker([&] {
+        for (int i = 0; i < 100; ++i) EXPECT_EQ(pipe.seek(i * 7 % 12), 0u);
+        seeking = false;
+    });
+    size_t delivered = 0;
+    while (seeking) {
+        const Decoded d = pipe.decode();
+        if (d.status != 0) continue;
+        ++delivered;
+        EXPECT_TRUE(d.frameNumber >= 1 && d.frameNumber <= s.frames && d.frame == pictures[d.frameNumber - 1])
+            << "record " << d.frameNumber - 1;
+    }
+    seeker.join();
+    EXPECT_GT(delivered, 0u);
 }
