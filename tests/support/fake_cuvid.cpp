@@ -1,9 +1,6 @@
 #include "support/fake_cuvid.h"
 
-#include <libde265/de265.h>
-
 #include <cstring>
-#include <deque>
 #include <memory>
 
 #include "device/device_api.h"
@@ -52,107 +49,84 @@ struct Picture {
     uint8_t* chroma() { return nv12.data() + size_t(width()) * height(); }
 };
 
-// A progressive picture of the coded size; the visible w x h area at its top left comes from
-// 8-bit 4:2:0 planes (luma, Cb and Cr interleaved), the rest is filler.
-Picture picture(cudaVideoCodec codec, uint32_t codedWidth, uint32_t codedHeight,
-                decltype(CUVIDEOFORMAT::display_area) area, int bitDepth, cudaVideoChromaFormat chroma, int64_t pts,
-                const uint8_t* const planes[3], const int strides[3], uint32_t w, uint32_t h) {
-    Picture p;
-    p.format.codec = codec, p.format.progressive_sequence = 1, p.format.display_area = area;
-    p.format.coded_width = codedWidth, p.format.coded_height = codedHeight, p.format.chroma_format = chroma;
-    p.format.bit_depth_luma_minus8 = uint8_t(bitDepth - 8);
-    p.pts = pts;
-    p.allocate();
-    if (chroma != cudaVideoChromaFormat_420 || bitDepth != 8) return p;
-    place(planes[0], strides[0], w, h, p.nv12.data(), codedWidth);
-    for (uint32_t r = 0; r < (h + 1) / 2; ++r)
-        for (uint32_t c = 0; c < (w + 1) / 2; ++c)
-            for (int k = 0; k < 2; ++k) p.chroma()[r * codedWidth + 2 * c + k] = planes[1 + k][r * strides[1 + k] + c];
-    return p;
-}
-
+// libavcodec decodes both codecs; a parser splits each packet into its pictures, and the decoder's
+// uncropped frames carry the coded size (x265 codes whole 8 x 8 blocks, x264 16 x 16 macroblocks)
+// and the crop. Content other than 8-bit 4:2:0 is announced as 4:4:4 and left as filler.
 class RealDecoder {
 public:
-    virtual ~RealDecoder() = default;
-    // Decodes one packet (none at the end of the stream); the pictures it puts out.
-    virtual std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool endOfStream) = 0;
-};
-
-// HEVC: libde265 hands out the conformance window. The test streams come from x265, which codes
-// whole 8 x 8 minimum coding blocks and crops the rest at the right and bottom.
-class HevcDecoder : public RealDecoder {
-public:
-    HevcDecoder() : context_(de265_new_decoder()) {}
-    ~HevcDecoder() override { de265_free_decoder(context_); }
-
-    std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool) override {
-        if (bytes) de265_push_data(context_, data, int(bytes), pts, nullptr);
-        de265_flush_data(context_);  // each packet is a complete piece of stream; references survive
-        std::vector<Picture> out;
-        for (int more = 1, step = 0; more && step < 100000; ++step) {
-            const de265_error status = de265_decode(context_, &more);
-            while (const de265_image* image = de265_get_next_picture(context_)) out.push_back(picture(image));
-            if (status == DE265_ERROR_WAITING_FOR_INPUT_DATA) break;
-        }
-        return out;
-    }
-
-private:
-    static Picture picture(const de265_image* image) {
-        const int w = de265_get_image_width(image, 0), h = de265_get_image_height(image, 0);
-        const uint8_t* planes[3];
-        int strides[3];
-        for (int c = 0; c < 3; ++c) planes[c] = de265_get_image_plane(image, c, &strides[c]);
-        return ::picture(cudaVideoCodec_HEVC, unsigned(w + 7) / 8 * 8, unsigned(h + 7) / 8 * 8, {0, 0, w, h},
-                         de265_get_bits_per_pixel(image, 0), cudaVideoChromaFormat(de265_get_chroma_format(image)),
-                         de265_get_image_PTS(image), planes, strides, uint32_t(w), uint32_t(h));
-    }
-
-    de265_decoder_context* context_;
-};
-
-// H.264: libavcodec's uncropped frames carry the coded size and the crop.
-class H264Decoder : public RealDecoder {
-public:
-    H264Decoder() : context_(avcodec_alloc_context3(nullptr)), packet_(av_packet_alloc()), frame_(av_frame_alloc()) {
+    explicit RealDecoder(cudaVideoCodec codec)
+        : id_(codec == cudaVideoCodec_HEVC ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264), codec_(codec),
+          context_(avcodec_alloc_context3(nullptr)), parser_(av_parser_init(id_)), frame_(av_frame_alloc()) {
         av_log_set_level(AV_LOG_QUIET);  // packets without a picture are expected in tests
         context_->thread_count = 1;
         context_->flags |= AV_CODEC_FLAG_LOW_DELAY;
         context_->apply_cropping = 0;
-        if (avcodec_open2(context_, avcodec_find_decoder(AV_CODEC_ID_H264), nullptr) < 0)
-            breach("libavcodec's H.264 decoder did not open");
+        if (avcodec_open2(context_, avcodec_find_decoder(id_), nullptr) < 0) breach("libavcodec did not open");
     }
-    ~H264Decoder() override {
+    ~RealDecoder() {
         av_frame_free(&frame_);
-        av_packet_free(&packet_);
+        av_parser_close(parser_);
         avcodec_free_context(&context_);
     }
 
-    std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool endOfStream) override {
+    // Decodes one packet (none at the end of the stream); the pictures it puts out.
+    std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool endOfStream) {
         std::vector<uint8_t> padded(data, data + bytes);
         padded.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE, 0);
-        packet_->data = padded.data();
-        packet_->size = int(bytes);
-        packet_->pts = pts;
-        if (bytes) avcodec_send_packet(context_, packet_);
-        if (endOfStream) avcodec_send_packet(context_, nullptr);
         std::vector<Picture> out;
-        for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) {
-            const bool yuv420 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
-            const uint32_t w = uint32_t(frame_->width), h = uint32_t(frame_->height);
-            out.push_back(picture(cudaVideoCodec_H264, w, h,
-                                  {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
-                                   int(h - frame_->crop_bottom)},
-                                  8, yuv420 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444, frame_->pts,
-                                  frame_->data, frame_->linesize, w, h));
+        // The packet ends its last picture: the parser is flushed with an empty call.
+        for (size_t at = 0, flushed = 0; !flushed;) {
+            uint8_t* unit = nullptr;
+            int unitBytes = 0;
+            flushed = at == bytes;
+            at += size_t(av_parser_parse2(parser_, context_, &unit, &unitBytes, padded.data() + at, int(bytes - at),
+                                          pts, pts, 0));
+            if (unitBytes) send(unit, unitBytes, pts, out);
         }
-        if (endOfStream) avcodec_flush_buffers(context_);
+        if (endOfStream) {
+            avcodec_send_packet(context_, nullptr);
+            receive(out);
+            avcodec_flush_buffers(context_);
+        }
         return out;
     }
 
 private:
+    void send(uint8_t* unit, int unitBytes, int64_t pts, std::vector<Picture>& out) {
+        AVPacket* packet = av_packet_alloc();
+        packet->data = unit;
+        packet->size = unitBytes;
+        packet->pts = pts;
+        avcodec_send_packet(context_, packet);
+        av_packet_free(&packet);
+        receive(out);
+    }
+    void receive(std::vector<Picture>& out) {
+        for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) {
+            const bool nv12 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
+            const uint32_t w = uint32_t(frame_->width), h = uint32_t(frame_->height);
+            Picture p;
+            p.format.codec = codec_, p.format.progressive_sequence = 1, p.format.coded_width = w;
+            p.format.coded_height = h;
+            p.format.display_area = {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
+                                     int(h - frame_->crop_bottom)};
+            p.format.chroma_format = nv12 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444;
+            p.pts = frame_->pts;
+            p.allocate();
+            if (nv12) {
+                place(frame_->data[0], frame_->linesize[0], w, h, p.nv12.data(), w);
+                for (uint32_t r = 0; r < (h + 1) / 2; ++r)
+                    for (uint32_t c = 0; c < (w + 1) / 2; ++c)
+                        for (int k = 0; k < 2; ++k) p.chroma()[r * w + 2 * c + k] = frame_->data[1 + k][r * frame_->linesize[1 + k] + c];
+            }
+            out.push_back(std::move(p));
+        }
+    }
+
+    AVCodecID id_;
+    cudaVideoCodec codec_;
     AVCodecContext* context_;
-    AVPacket* packet_;
+    AVCodecParserContext* parser_;
     AVFrame* frame_;
 };
 
@@ -164,8 +138,6 @@ struct Parser {
     CUVIDEOFORMAT format = {};  // of the last sequence announced; codec 0 before the first
     unsigned surfaces = 1;
     int nextPicture = 0;
-    std::deque<CUVIDPARSERDISPINFO> displayQueue;
-    std::vector<Picture> held;  // of a packet without the end-of-picture flag
     bool parsing = false;
 };
 struct Decoder {
@@ -228,7 +200,6 @@ CUresult CUDAAPI createDecoder(CUvideodecoder* handle, CUVIDDECODECREATEINFO* in
     Decoder& decoder = state().decoders[*handle = newHandle()];
     decoder.info = *info;
     decoder.surfaces.resize(info->ulNumDecodeSurfaces);
-    fake().decodersCreated.push_back(*info);
     return CUDA_SUCCESS;
 }
 
@@ -302,27 +273,17 @@ CUresult CUDAAPI createParser(CUvideoparser* handle, CUVIDPARSERPARAMS* params) 
     ENTRY("cuvidCreateVideoParser");
     if (!params->pfnSequenceCallback || !params->pfnDecodePicture || !params->pfnDisplayPicture)
         return breach("parser without its callbacks");
+    if (params->ulMaxDisplayDelay) return breach("the fake displays each picture once decoded", kNotSupported);
     if (params->CodecType != cudaVideoCodec_HEVC && params->CodecType != cudaVideoCodec_H264) return kNotSupported;
     Parser& parser = state().parsers[*handle = newHandle()];
     parser.params = *params;
     parser.surfaces = std::max(params->ulMaxNumDecodeSurfaces, 1u);
-    if (params->CodecType == cudaVideoCodec_HEVC) parser.decoder = std::make_unique<HevcDecoder>();
-    else parser.decoder = std::make_unique<H264Decoder>();
+    parser.decoder = std::make_unique<RealDecoder>(params->CodecType);
     return CUDA_SUCCESS;
 }
 
 CUresult CUDAAPI destroyParser(CUvideoparser handle) {
     return state().parsers.erase(handle) ? CUDA_SUCCESS : breach("unknown parser", kInvalidHandle);
-}
-
-// Displays what waits beyond the display delay (everything at the end of the stream).
-CUresult display(Parser& parser, bool all) {
-    while (!parser.displayQueue.empty() && (all || parser.displayQueue.size() > parser.params.ulMaxDisplayDelay)) {
-        CUVIDPARSERDISPINFO info = parser.displayQueue.front();
-        parser.displayQueue.pop_front();
-        if (!parser.params.pfnDisplayPicture(parser.params.pUserData, &info)) return kUnknown;
-    }
-    return CUDA_SUCCESS;
 }
 
 CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, const CUVIDSOURCEDATAPACKET& packet) {
@@ -332,7 +293,6 @@ CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, con
         if (std::memcmp(&parser.format, &f, sizeof f) != 0) {
             CUVIDEOFORMAT format = f;
             const int result = p.pfnSequenceCallback(p.pUserData, &format);
-            fake().sequenceResults.push_back(result);
             if (!result) return kUnknown;
             if (result > 1) parser.surfaces = unsigned(result);
             parser.format = f;
@@ -349,8 +309,8 @@ CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, con
         const int decoded = p.pfnDecodePicture(p.pUserData, &params);
         state().decoding = nullptr;
         if (!decoded) continue;  // a picture that the client did not decode is not displayed either
-        parser.displayQueue.push_back({params.CurrPicIdx, 1, 0, 0, picture.pts});
-        if (const CUresult result = display(parser, false)) return result;
+        CUVIDPARSERDISPINFO display = {params.CurrPicIdx, 1, 0, 0, picture.pts};
+        if (!p.pfnDisplayPicture(p.pUserData, &display)) return kUnknown;
     }
     return CUDA_SUCCESS;
 }
@@ -362,21 +322,12 @@ CUresult CUDAAPI parseVideoData(CUvideoparser handle, CUVIDSOURCEDATAPACKET* pac
     if (parser->parsing) return breach("parser entered from its own callback");
     const bool endOfStream = packet->flags & CUVID_PKT_ENDOFSTREAM;
     if (!endOfStream && (!packet->payload || !packet->payload_size)) return breach("empty packet");
+    if (!(packet->flags & CUVID_PKT_ENDOFPICTURE)) return breach("the fake takes whole pictures only", kNotSupported);
     fake().packetTimestamps.push_back(packet->timestamp);
     const int64_t pts = packet->flags & CUVID_PKT_TIMESTAMP ? packet->timestamp : 0;
-    std::vector<Picture> pictures = std::move(parser->held);
-    parser->held.clear();
-    for (Picture& picture : parser->decoder->decode(packet->payload, packet->payload_size, pts, endOfStream))
-        pictures.push_back(std::move(picture));
-    // Without the end-of-picture flag the parser learns that a picture is complete only from
-    // the data that follows it.
-    if (!endOfStream && !(packet->flags & CUVID_PKT_ENDOFPICTURE)) {
-        parser->held = std::move(pictures);
-        return CUDA_SUCCESS;
-    }
+    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size, pts, endOfStream);
     parser->parsing = true;
-    CUresult result = parsePictures(*parser, pictures, *packet);
-    if (result == CUDA_SUCCESS && endOfStream) result = display(*parser, true);
+    const CUresult result = parsePictures(*parser, pictures, *packet);
     parser->parsing = false;
     return result;
 }
