@@ -183,8 +183,7 @@ CUresult CUDAAPI getDecoderCaps(CUVIDDECODECAPS* caps) {
     const unsigned yes = fake().supported.count(caps->eCodecType) &&
                          caps->eChromaFormat == cudaVideoChromaFormat_420 && caps->nBitDepthMinus8 == 0;
     caps->bIsSupported = caps->nNumNVDECs = caps->nOutputFormatMask = uint8_t(yes);
-    caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * fake().maxHeight;
-    caps->nMaxMBCount = yes * fake().maxMBCount;
+    caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * 4096, caps->nMaxMBCount = yes * 65536;
     caps->nMinWidth = uint16_t(yes * 48), caps->nMinHeight = uint16_t(yes * 16);
     return CUDA_SUCCESS;
 }

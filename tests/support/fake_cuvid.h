@@ -16,7 +16,7 @@
 struct FakeCuvid {
     // ---- How the driver behaves
     std::set<cudaVideoCodec> supported = {cudaVideoCodec_H264, cudaVideoCodec_HEVC};  // 8-bit 4:2:0
-    unsigned maxWidth = 4096, maxHeight = 4096, maxMBCount = 65536;
+    unsigned maxWidth = 4096;
     std::map<std::string, CUresult> failing;  // entry point name → status of its every call
 
     // ---- What happened
