@@ -42,7 +42,6 @@ void place(const uint8_t* src, int stride, size_t w, size_t h, uint8_t* dst, siz
 struct Picture {
     CUVIDEOFORMAT format = {};
     std::vector<uint8_t> nv12;
-    int64_t pts = 0;
     uint32_t width() const { return format.coded_width; }
     uint32_t height() const { return format.coded_height; }
     void allocate() { nv12.assign(size_t(width()) * (height() + (height() + 1) / 2), kFiller); }
@@ -70,7 +69,7 @@ public:
     }
 
     // Decodes one packet (none at the end of the stream); the pictures it puts out.
-    std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool endOfStream) {
+    std::vector<Picture> decode(const uint8_t* data, size_t bytes, bool endOfStream) {
         std::vector<uint8_t> padded(data, data + bytes);
         padded.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE, 0);
         std::vector<Picture> out;
@@ -80,8 +79,8 @@ public:
             int unitBytes = 0;
             flushed = at == bytes;
             at += size_t(av_parser_parse2(parser_, context_, &unit, &unitBytes, padded.data() + at, int(bytes - at),
-                                          pts, pts, 0));
-            if (unitBytes) send(unit, unitBytes, pts, out);
+                                          AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0));
+            if (unitBytes) send(unit, unitBytes, out);
         }
         if (endOfStream) {
             avcodec_send_packet(context_, nullptr);
@@ -92,11 +91,10 @@ public:
     }
 
 private:
-    void send(uint8_t* unit, int unitBytes, int64_t pts, std::vector<Picture>& out) {
+    void send(uint8_t* unit, int unitBytes, std::vector<Picture>& out) {
         AVPacket* packet = av_packet_alloc();
         packet->data = unit;
         packet->size = unitBytes;
-        packet->pts = pts;
         avcodec_send_packet(context_, packet);
         av_packet_free(&packet);
         receive(out);
@@ -111,7 +109,6 @@ private:
             p.format.display_area = {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
                                      int(h - frame_->crop_bottom)};
             p.format.chroma_format = nv12 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444;
-            p.pts = frame_->pts;
             p.allocate();
             if (nv12) {
                 place(frame_->data[0], frame_->linesize[0], w, h, p.nv12.data(), w);
@@ -184,7 +181,6 @@ CUresult CUDAAPI getDecoderCaps(CUVIDDECODECAPS* caps) {
                          caps->eChromaFormat == cudaVideoChromaFormat_420 && caps->nBitDepthMinus8 == 0;
     caps->bIsSupported = caps->nNumNVDECs = caps->nOutputFormatMask = uint8_t(yes);
     caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * 4096, caps->nMaxMBCount = yes * 65536;
-    caps->nMinWidth = uint16_t(yes * 48), caps->nMinHeight = uint16_t(yes * 16);
     return CUDA_SUCCESS;
 }
 
@@ -285,7 +281,7 @@ CUresult CUDAAPI destroyParser(CUvideoparser handle) {
     return state().parsers.erase(handle) ? CUDA_SUCCESS : breach("unknown parser", kInvalidHandle);
 }
 
-CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, const CUVIDSOURCEDATAPACKET& packet) {
+CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures) {
     const CUVIDPARSERPARAMS& p = parser.params;
     for (const Picture& picture : pictures) {
         const CUVIDEOFORMAT& f = picture.format;
@@ -297,18 +293,13 @@ CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, con
             parser.format = f;
         }
         CUVIDPICPARAMS params = {};
-        params.PicWidthInMbs = int(picture.width() + 15) / 16;
-        params.FrameHeightInMbs = int(picture.height() + 15) / 16;
-        params.CurrPicIdx = parser.nextPicture;
+        params.CurrPicIdx = parser.nextPicture;  // the only field the fake's decoder reads
         parser.nextPicture = int((unsigned(parser.nextPicture) + 1) % parser.surfaces);
-        params.pBitstreamData = packet.payload;
-        params.nBitstreamDataLen = unsigned(packet.payload_size);
-        params.nNumSlices = 1;
         state().decoding = &picture;
         const int decoded = p.pfnDecodePicture(p.pUserData, &params);
         state().decoding = nullptr;
         if (!decoded) continue;  // a picture that the client did not decode is not displayed either
-        CUVIDPARSERDISPINFO display = {params.CurrPicIdx, 1, 0, 0, picture.pts};
+        CUVIDPARSERDISPINFO display = {params.CurrPicIdx, 1, 0, 0, 0};
         if (!p.pfnDisplayPicture(p.pUserData, &display)) return kUnknown;
     }
     return CUDA_SUCCESS;
@@ -323,10 +314,9 @@ CUresult CUDAAPI parseVideoData(CUvideoparser handle, CUVIDSOURCEDATAPACKET* pac
     if (!endOfStream && (!packet->payload || !packet->payload_size)) return breach("empty packet");
     if (!(packet->flags & CUVID_PKT_ENDOFPICTURE)) return breach("the fake takes whole pictures only", kNotSupported);
     fake().packetTimestamps.push_back(packet->timestamp);
-    const int64_t pts = packet->flags & CUVID_PKT_TIMESTAMP ? packet->timestamp : 0;
-    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size, pts, endOfStream);
+    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size, endOfStream);
     parser->parsing = true;
-    const CUresult result = parsePictures(*parser, pictures, *packet);
+    const CUresult result = parsePictures(*parser, pictures);
     parser->parsing = false;
     return result;
 }
