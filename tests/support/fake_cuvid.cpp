@@ -53,78 +53,62 @@ struct Picture {
 // and the crop. Content other than 8-bit 4:2:0 is announced as 4:4:4 and left as filler.
 class RealDecoder {
 public:
-    explicit RealDecoder(cudaVideoCodec codec)
-        : id_(codec == cudaVideoCodec_HEVC ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264), codec_(codec),
-          context_(avcodec_alloc_context3(nullptr)), parser_(av_parser_init(id_)), frame_(av_frame_alloc()) {
+    explicit RealDecoder(cudaVideoCodec codec) : codec_(codec) {
+        const AVCodecID id = codec == cudaVideoCodec_HEVC ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
         av_log_set_level(AV_LOG_QUIET);  // packets without a picture are expected in tests
         context_->thread_count = 1;
-        context_->flags |= AV_CODEC_FLAG_LOW_DELAY;
+        context_->flags |= AV_CODEC_FLAG_LOW_DELAY;  // every picture comes out with its packet
         context_->apply_cropping = 0;
-        if (avcodec_open2(context_, avcodec_find_decoder(id_), nullptr) < 0) breach("libavcodec did not open");
+        parser_ = av_parser_init(id);
+        if (avcodec_open2(context_, avcodec_find_decoder(id), nullptr) < 0) breach("libavcodec did not open");
     }
     ~RealDecoder() {
         av_frame_free(&frame_);
+        av_packet_free(&packet_);
         av_parser_close(parser_);
         avcodec_free_context(&context_);
     }
 
-    // Decodes one packet (none at the end of the stream); the pictures it puts out.
-    std::vector<Picture> decode(const uint8_t* data, size_t bytes, bool endOfStream) {
+    // Decodes one packet; the pictures it puts out.
+    std::vector<Picture> decode(const uint8_t* data, size_t bytes) {
         std::vector<uint8_t> padded(data, data + bytes);
         padded.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE, 0);
         std::vector<Picture> out;
         // The packet ends its last picture: the parser is flushed with an empty call.
         for (size_t at = 0, flushed = 0; !flushed;) {
-            uint8_t* unit = nullptr;
-            int unitBytes = 0;
             flushed = at == bytes;
-            at += size_t(av_parser_parse2(parser_, context_, &unit, &unitBytes, padded.data() + at, int(bytes - at),
-                                          AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0));
-            if (unitBytes) send(unit, unitBytes, out);
-        }
-        if (endOfStream) {
-            avcodec_send_packet(context_, nullptr);
-            receive(out);
-            avcodec_flush_buffers(context_);
+            at += size_t(av_parser_parse2(parser_, context_, &packet_->data, &packet_->size, padded.data() + at,
+                                          int(bytes - at), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0));
+            if (packet_->size) avcodec_send_packet(context_, packet_);
+            for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) out.push_back(picture());
         }
         return out;
     }
 
 private:
-    void send(uint8_t* unit, int unitBytes, std::vector<Picture>& out) {
-        AVPacket* packet = av_packet_alloc();
-        packet->data = unit;
-        packet->size = unitBytes;
-        avcodec_send_packet(context_, packet);
-        av_packet_free(&packet);
-        receive(out);
-    }
-    void receive(std::vector<Picture>& out) {
-        for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) {
-            const bool nv12 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
-            const uint32_t w = uint32_t(frame_->width), h = uint32_t(frame_->height);
-            Picture p;
-            p.format.codec = codec_, p.format.progressive_sequence = 1, p.format.coded_width = w;
-            p.format.coded_height = h;
-            p.format.display_area = {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
-                                     int(h - frame_->crop_bottom)};
-            p.format.chroma_format = nv12 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444;
-            p.allocate();
-            if (nv12) {
-                place(frame_->data[0], frame_->linesize[0], w, h, p.nv12.data(), w);
-                for (uint32_t r = 0; r < (h + 1) / 2; ++r)
-                    for (uint32_t c = 0; c < (w + 1) / 2; ++c)
-                        for (int k = 0; k < 2; ++k) p.chroma()[r * w + 2 * c + k] = frame_->data[1 + k][r * frame_->linesize[1 + k] + c];
-            }
-            out.push_back(std::move(p));
-        }
+    Picture picture() const {
+        const bool nv12 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
+        const uint32_t w = uint32_t(frame_->width), h = uint32_t(frame_->height);
+        Picture p;
+        p.format.codec = codec_, p.format.progressive_sequence = 1, p.format.coded_width = w;
+        p.format.coded_height = h;
+        p.format.display_area = {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
+                                 int(h - frame_->crop_bottom)};
+        p.format.chroma_format = nv12 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444;
+        p.allocate();
+        if (!nv12) return p;
+        place(frame_->data[0], frame_->linesize[0], w, h, p.nv12.data(), w);
+        for (uint32_t r = 0; r < (h + 1) / 2; ++r)
+            for (uint32_t c = 0; c < (w + 1) / 2; ++c)
+                for (int k = 0; k < 2; ++k) p.chroma()[r * w + 2 * c + k] = frame_->data[1 + k][r * frame_->linesize[1 + k] + c];
+        return p;
     }
 
-    AVCodecID id_;
     cudaVideoCodec codec_;
-    AVCodecContext* context_;
-    AVCodecParserContext* parser_;
-    AVFrame* frame_;
+    AVCodecContext* context_ = avcodec_alloc_context3(nullptr);
+    AVCodecParserContext* parser_ = nullptr;
+    AVPacket* packet_ = av_packet_alloc();
+    AVFrame* frame_ = av_frame_alloc();
 };
 
 // ---- Driver objects ---------------------------------------------------------------------
@@ -314,7 +298,7 @@ CUresult CUDAAPI parseVideoData(CUvideoparser handle, CUVIDSOURCEDATAPACKET* pac
     if (!endOfStream && (!packet->payload || !packet->payload_size)) return breach("empty packet");
     if (!(packet->flags & CUVID_PKT_ENDOFPICTURE)) return breach("the fake takes whole pictures only", kNotSupported);
     fake().packetTimestamps.push_back(packet->timestamp);
-    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size, endOfStream);
+    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size);
     parser->parsing = true;
     const CUresult result = parsePictures(*parser, pictures);
     parser->parsing = false;
