@@ -12,9 +12,6 @@
 
 namespace {
 
-int contextStorage;
-CUcontext const kContext = reinterpret_cast<CUcontext>(&contextStorage);
-
 class Encoding : public OnHostDevice {
 protected:
     Encoding() : driver_(fake.driverApi()), scopedDriver_(driver_) { HwEncoder::forgetInterfaceChoice(); }
@@ -45,19 +42,12 @@ uint32_t word(const uint8_t* bytes, size_t at) { uint32_t value; std::memcpy(&va
 // Look-ahead from the preset lengthens the ring: packets come out that many frames late, in order.
 TEST_F(Encoding, ARingWithOutputDelayDeliversInOrder) {
     fake.lookaheadDepth = 2;
-    NvEncoderCuda encoder(kContext, 32, 16, NV_ENC_BUFFER_FORMAT_ARGB, 0);
-    NV_ENC_CONFIG config = {};
-    NV_ENC_INITIALIZE_PARAMS params = {};
-    params.encodeConfig = &config;
-    encoder.CreateDefaultEncoderParams(&params, NV_ENC_CODEC_H264_GUID, kNvEncPresetLowLatencyHqGuid, 30);
-    encoder.CreateEncoder(&params);
-    std::vector<std::vector<uint8_t>> packets;
+    HwEncoder encoder(packing::kUint8, 0, 1, 1000000, 16, 8, 30);
+    DeviceBuffer image(Bytes(16 * 8));
+    uint32_t type = 0;
     std::vector<uint32_t> delivered;
-    for (int frame = 0; frame < 4; ++frame) {
-        const uint32_t type = encoder.EncodeFrame(packets);
-        EXPECT_EQ(type, frame < 2 ? 0u : frame == 2 ? uint32_t(NV_ENC_PIC_TYPE_IDR) : uint32_t(NV_ENC_PIC_TYPE_P));
-        for (const auto& packet : packets) delivered.push_back(packet[0]);
-    }
+    for (int frame = 0; frame < 4; ++frame)
+        if (encoder.encode(image.get(), 16, 16, 8, &type, false)) delivered.push_back(word(encoder.outputBuffer(), 0));
     EXPECT_EQ(delivered, (std::vector<uint32_t>{0, 1}));
 }
 
