@@ -151,15 +151,14 @@ TEST_P(HwPipes, ReadInOrderAndBySeekingAsTheCpuTwinUnpacksTheReference) {
 const auto kPipes = testing::Combine(testing::Values(kHevc200, kHevc198, kH264200, kH264198), testing::Range(0u, 6u));
 INSTANTIATE_TEST_SUITE_P(Formats, HwPipes, kPipes);
 
-TEST_F(Decoding, DecodeRetriesThriceAndKeepsTheLastOfSeveralPictures) {
+// A sample is decoded up to three times, a record read up to four; of several pictures the last
+// one is delivered.
+TEST_F(Decoding, DecodingRetriesThriceAndSequentialReadingTriesFourRecords) {
     load(kHevc200);
     Pipe p = pipe(kUint8, 1, 200, 120);
-    Bytes out(200 * 120);
-    const Bytes noPicture = parameterSetsOnly(), two = [&] {
-        Bytes joined = payloads[0];
-        joined.insert(joined.end(), payloads[1].begin(), payloads[1].end());
-        return joined;
-    }();
+    Bytes out(200 * 120), two = payloads[0];
+    two.insert(two.end(), payloads[1].begin(), payloads[1].end());
+    const Bytes noPicture = parameterSetsOnly();
     EXPECT_EQ(ZOHW_Decode(p.get(), noPicture.data(), noPicture.size(), out.data()), 1u);
     EXPECT_EQ(fake.packetTimestamps, (std::vector<int64_t>{0, 1, 2})) << "three attempts, each a new timestamp";
     EXPECT_EQ(ZOHW_Decode(p.get(), two.data(), two.size(), out.data()), 0u);
@@ -169,10 +168,7 @@ TEST_F(Decoding, DecodeRetriesThriceAndKeepsTheLastOfSeveralPictures) {
     DeviceBuffer device(Bytes(out.size()));
     EXPECT_EQ(ZOHW_Decode(p.get(), payloads[2].data(), payloads[2].size(), device.get()), 0u);
     EXPECT_TRUE(device.download() == luma(2));
-}
 
-TEST_F(Decoding, SequentialReadingTriesFourRecords) {
-    load(kHevc200);
     for (uint32_t empties : {3u, 4u}) {
         SCOPED_TRACE(std::to_string(empties) + " records without a picture");
         QrvBuilder b;
@@ -180,7 +176,7 @@ TEST_F(Decoding, SequentialReadingTriesFourRecords) {
         for (uint32_t i = 0; i < empties; ++i) b.add(++number, 0, 1, parameterSetsOnly());
         for (size_t i = 0; i < 3; ++i) b.add(++number, 1000 * i, i ? 1 : 3, payloads[i]);
         TestFile file = openBytes(b.bytes());
-        Pipe p = pipe(kUint8, 1, 200, 120);
+        p = pipe(kUint8, 1, 200, 120);
         ASSERT_EQ(ZOHW_CreateQRVTracker(p.get(), file.get()), 0u);
         Frame r = next(p.get(), file.get(), 200 * 120);
         if (empties == 4) {
@@ -207,9 +203,8 @@ TEST_F(Decoding, RefusalsFallBackOrFailWithTheirTexts) {
     Bytes out(200 * 120);
     EXPECT_EQ(ZOHW_Decode(pipe(kUint8, 1, 200, 120).get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
     const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(printed.rfind("Decode failed (NvDecoder::HandleVideoSequence : \nResolution          : 200x120\n"
-                            "Max Supported (wxh) : 199x4096\nResolution not supported on this GPU at ", 0), 0u)
-        << printed;
+    EXPECT_NE(printed.find("Max Supported (wxh) : 199x4096\nResolution not supported on this GPU at "),
+              std::string::npos) << printed;
 }
 
 // A CUVID entry point failing at every call, or a device call failing once (at the second record),
