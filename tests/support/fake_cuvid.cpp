@@ -100,7 +100,8 @@ private:
         place(frame_->data[0], frame_->linesize[0], w, h, p.nv12.data(), w);
         for (uint32_t r = 0; r < (h + 1) / 2; ++r)
             for (uint32_t c = 0; c < (w + 1) / 2; ++c)
-                for (int k = 0; k < 2; ++k) p.chroma()[r * w + 2 * c + k] = frame_->data[1 + k][r * frame_->linesize[1 + k] + c];
+                for (int k = 0; k < 2; ++k)
+                    p.chroma()[r * w + 2 * c + k] = frame_->data[1 + k][r * frame_->linesize[1 + k] + c];
         return p;
     }
 
