@@ -1,9 +1,6 @@
 #include "support/fake_cuvid.h"
 
-#include <libde265/de265.h>
-
 #include <cstring>
-#include <deque>
 #include <memory>
 
 #include "device/device_api.h"
@@ -45,115 +42,74 @@ void place(const uint8_t* src, int stride, size_t w, size_t h, uint8_t* dst, siz
 struct Picture {
     CUVIDEOFORMAT format = {};
     std::vector<uint8_t> nv12;
-    int64_t pts = 0;
     uint32_t width() const { return format.coded_width; }
     uint32_t height() const { return format.coded_height; }
     void allocate() { nv12.assign(size_t(width()) * (height() + (height() + 1) / 2), kFiller); }
     uint8_t* chroma() { return nv12.data() + size_t(width()) * height(); }
 };
 
-// A progressive picture of the coded size; the visible w x h area at its top left comes from
-// 8-bit 4:2:0 planes (luma, Cb and Cr interleaved), the rest is filler.
-Picture picture(cudaVideoCodec codec, uint32_t codedWidth, uint32_t codedHeight,
-                decltype(CUVIDEOFORMAT::display_area) area, int bitDepth, cudaVideoChromaFormat chroma, int64_t pts,
-                const uint8_t* const planes[3], const int strides[3], uint32_t w, uint32_t h) {
-    Picture p;
-    p.format.codec = codec, p.format.progressive_sequence = 1, p.format.display_area = area;
-    p.format.coded_width = codedWidth, p.format.coded_height = codedHeight, p.format.chroma_format = chroma;
-    p.format.bit_depth_luma_minus8 = uint8_t(bitDepth - 8);
-    p.pts = pts;
-    p.allocate();
-    if (chroma != cudaVideoChromaFormat_420 || bitDepth != 8) return p;
-    place(planes[0], strides[0], w, h, p.nv12.data(), codedWidth);
-    for (uint32_t r = 0; r < (h + 1) / 2; ++r)
-        for (uint32_t c = 0; c < (w + 1) / 2; ++c)
-            for (int k = 0; k < 2; ++k) p.chroma()[r * codedWidth + 2 * c + k] = planes[1 + k][r * strides[1 + k] + c];
-    return p;
-}
-
+// libavcodec decodes both codecs; a parser splits each packet into its pictures, and the decoder's
+// uncropped frames carry the coded size (x265 codes whole 8 x 8 blocks, x264 16 x 16 macroblocks)
+// and the crop. Content other than 8-bit 4:2:0 is announced as 4:4:4 and left as filler.
 class RealDecoder {
 public:
-    virtual ~RealDecoder() = default;
-    // Decodes one packet (none at the end of the stream); the pictures it puts out.
-    virtual std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool endOfStream) = 0;
-};
-
-// HEVC: libde265 hands out the conformance window. The test streams come from x265, which codes
-// whole 8 x 8 minimum coding blocks and crops the rest at the right and bottom.
-class HevcDecoder : public RealDecoder {
-public:
-    HevcDecoder() : context_(de265_new_decoder()) {}
-    ~HevcDecoder() override { de265_free_decoder(context_); }
-
-    std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool) override {
-        if (bytes) de265_push_data(context_, data, int(bytes), pts, nullptr);
-        de265_flush_data(context_);  // each packet is a complete piece of stream; references survive
-        std::vector<Picture> out;
-        for (int more = 1, step = 0; more && step < 100000; ++step) {
-            const de265_error status = de265_decode(context_, &more);
-            while (const de265_image* image = de265_get_next_picture(context_)) out.push_back(picture(image));
-            if (status == DE265_ERROR_WAITING_FOR_INPUT_DATA) break;
-        }
-        return out;
-    }
-
-private:
-    static Picture picture(const de265_image* image) {
-        const int w = de265_get_image_width(image, 0), h = de265_get_image_height(image, 0);
-        const uint8_t* planes[3];
-        int strides[3];
-        for (int c = 0; c < 3; ++c) planes[c] = de265_get_image_plane(image, c, &strides[c]);
-        return ::picture(cudaVideoCodec_HEVC, unsigned(w + 7) / 8 * 8, unsigned(h + 7) / 8 * 8, {0, 0, w, h},
-                         de265_get_bits_per_pixel(image, 0), cudaVideoChromaFormat(de265_get_chroma_format(image)),
-                         de265_get_image_PTS(image), planes, strides, uint32_t(w), uint32_t(h));
-    }
-
-    de265_decoder_context* context_;
-};
-
-// H.264: libavcodec's uncropped frames carry the coded size and the crop.
-class H264Decoder : public RealDecoder {
-public:
-    H264Decoder() : context_(avcodec_alloc_context3(nullptr)), packet_(av_packet_alloc()), frame_(av_frame_alloc()) {
+    explicit RealDecoder(cudaVideoCodec codec) : codec_(codec) {
+        const AVCodecID id = codec == cudaVideoCodec_HEVC ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
         av_log_set_level(AV_LOG_QUIET);  // packets without a picture are expected in tests
         context_->thread_count = 1;
-        context_->flags |= AV_CODEC_FLAG_LOW_DELAY;
+        context_->flags |= AV_CODEC_FLAG_LOW_DELAY;  // every picture comes out with its packet
         context_->apply_cropping = 0;
-        if (avcodec_open2(context_, avcodec_find_decoder(AV_CODEC_ID_H264), nullptr) < 0)
-            breach("libavcodec's H.264 decoder did not open");
+        parser_ = av_parser_init(id);
+        if (avcodec_open2(context_, avcodec_find_decoder(id), nullptr) < 0) breach("libavcodec did not open");
     }
-    ~H264Decoder() override {
+    ~RealDecoder() {
         av_frame_free(&frame_);
         av_packet_free(&packet_);
+        av_parser_close(parser_);
         avcodec_free_context(&context_);
     }
 
-    std::vector<Picture> decode(const uint8_t* data, size_t bytes, int64_t pts, bool endOfStream) override {
+    // Decodes one packet; the pictures it puts out.
+    std::vector<Picture> decode(const uint8_t* data, size_t bytes) {
         std::vector<uint8_t> padded(data, data + bytes);
         padded.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE, 0);
-        packet_->data = padded.data();
-        packet_->size = int(bytes);
-        packet_->pts = pts;
-        if (bytes) avcodec_send_packet(context_, packet_);
-        if (endOfStream) avcodec_send_packet(context_, nullptr);
         std::vector<Picture> out;
-        for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) {
-            const bool yuv420 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
-            const uint32_t w = uint32_t(frame_->width), h = uint32_t(frame_->height);
-            out.push_back(picture(cudaVideoCodec_H264, w, h,
-                                  {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
-                                   int(h - frame_->crop_bottom)},
-                                  8, yuv420 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444, frame_->pts,
-                                  frame_->data, frame_->linesize, w, h));
+        // The packet ends its last picture: the parser is flushed with an empty call.
+        for (size_t at = 0, flushed = 0; !flushed;) {
+            flushed = at == bytes;
+            at += size_t(av_parser_parse2(parser_, context_, &packet_->data, &packet_->size, padded.data() + at,
+                                          int(bytes - at), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0));
+            if (packet_->size) avcodec_send_packet(context_, packet_);
+            for (; avcodec_receive_frame(context_, frame_) == 0; av_frame_unref(frame_)) out.push_back(picture());
         }
-        if (endOfStream) avcodec_flush_buffers(context_);
         return out;
     }
 
 private:
-    AVCodecContext* context_;
-    AVPacket* packet_;
-    AVFrame* frame_;
+    Picture picture() const {
+        const bool nv12 = frame_->format == AV_PIX_FMT_YUV420P || frame_->format == AV_PIX_FMT_YUVJ420P;
+        const uint32_t w = uint32_t(frame_->width), h = uint32_t(frame_->height);
+        Picture p;
+        p.format.codec = codec_, p.format.progressive_sequence = 1, p.format.coded_width = w;
+        p.format.coded_height = h;
+        p.format.display_area = {int(frame_->crop_left), int(frame_->crop_top), int(w - frame_->crop_right),
+                                 int(h - frame_->crop_bottom)};
+        p.format.chroma_format = nv12 ? cudaVideoChromaFormat_420 : cudaVideoChromaFormat_444;
+        p.allocate();
+        if (!nv12) return p;
+        place(frame_->data[0], frame_->linesize[0], w, h, p.nv12.data(), w);
+        for (uint32_t r = 0; r < (h + 1) / 2; ++r)
+            for (uint32_t c = 0; c < (w + 1) / 2; ++c)
+                for (int k = 0; k < 2; ++k)
+                    p.chroma()[r * w + 2 * c + k] = frame_->data[1 + k][r * frame_->linesize[1 + k] + c];
+        return p;
+    }
+
+    cudaVideoCodec codec_;
+    AVCodecContext* context_ = avcodec_alloc_context3(nullptr);
+    AVCodecParserContext* parser_ = nullptr;
+    AVPacket* packet_ = av_packet_alloc();
+    AVFrame* frame_ = av_frame_alloc();
 };
 
 // ---- Driver objects ---------------------------------------------------------------------
@@ -164,8 +120,6 @@ struct Parser {
     CUVIDEOFORMAT format = {};  // of the last sequence announced; codec 0 before the first
     unsigned surfaces = 1;
     int nextPicture = 0;
-    std::deque<CUVIDPARSERDISPINFO> displayQueue;
-    std::vector<Picture> held;  // of a packet without the end-of-picture flag
     bool parsing = false;
 };
 struct Decoder {
@@ -211,9 +165,7 @@ CUresult CUDAAPI getDecoderCaps(CUVIDDECODECAPS* caps) {
     const unsigned yes = fake().supported.count(caps->eCodecType) &&
                          caps->eChromaFormat == cudaVideoChromaFormat_420 && caps->nBitDepthMinus8 == 0;
     caps->bIsSupported = caps->nNumNVDECs = caps->nOutputFormatMask = uint8_t(yes);
-    caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * fake().maxHeight;
-    caps->nMaxMBCount = yes * fake().maxMBCount;
-    caps->nMinWidth = uint16_t(yes * 48), caps->nMinHeight = uint16_t(yes * 16);
+    caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * 4096, caps->nMaxMBCount = yes * 65536;
     return CUDA_SUCCESS;
 }
 
@@ -228,16 +180,12 @@ CUresult CUDAAPI createDecoder(CUvideodecoder* handle, CUVIDDECODECREATEINFO* in
     Decoder& decoder = state().decoders[*handle = newHandle()];
     decoder.info = *info;
     decoder.surfaces.resize(info->ulNumDecodeSurfaces);
-    fake().decodersCreated.push_back(*info);
     return CUDA_SUCCESS;
 }
 
 CUresult CUDAAPI destroyDecoder(CUvideodecoder handle) {
     DECODER(handle);
-    for (unsigned long long frame : decoder->mapped) {
-        breach("decoder destroyed with a frame still mapped");
-        device::api().free(reinterpret_cast<void*>(frame));
-    }
+    if (!decoder->mapped.empty()) breach("decoder destroyed with a frame still mapped");
     state().decoders.erase(handle);
     return CUDA_SUCCESS;
 }
@@ -302,12 +250,12 @@ CUresult CUDAAPI createParser(CUvideoparser* handle, CUVIDPARSERPARAMS* params) 
     ENTRY("cuvidCreateVideoParser");
     if (!params->pfnSequenceCallback || !params->pfnDecodePicture || !params->pfnDisplayPicture)
         return breach("parser without its callbacks");
+    if (params->ulMaxDisplayDelay) return breach("the fake displays each picture once decoded", kNotSupported);
     if (params->CodecType != cudaVideoCodec_HEVC && params->CodecType != cudaVideoCodec_H264) return kNotSupported;
     Parser& parser = state().parsers[*handle = newHandle()];
     parser.params = *params;
     parser.surfaces = std::max(params->ulMaxNumDecodeSurfaces, 1u);
-    if (params->CodecType == cudaVideoCodec_HEVC) parser.decoder = std::make_unique<HevcDecoder>();
-    else parser.decoder = std::make_unique<H264Decoder>();
+    parser.decoder = std::make_unique<RealDecoder>(params->CodecType);
     return CUDA_SUCCESS;
 }
 
@@ -315,42 +263,26 @@ CUresult CUDAAPI destroyParser(CUvideoparser handle) {
     return state().parsers.erase(handle) ? CUDA_SUCCESS : breach("unknown parser", kInvalidHandle);
 }
 
-// Displays what waits beyond the display delay (everything at the end of the stream).
-CUresult display(Parser& parser, bool all) {
-    while (!parser.displayQueue.empty() && (all || parser.displayQueue.size() > parser.params.ulMaxDisplayDelay)) {
-        CUVIDPARSERDISPINFO info = parser.displayQueue.front();
-        parser.displayQueue.pop_front();
-        if (!parser.params.pfnDisplayPicture(parser.params.pUserData, &info)) return kUnknown;
-    }
-    return CUDA_SUCCESS;
-}
-
-CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, const CUVIDSOURCEDATAPACKET& packet) {
+CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures) {
     const CUVIDPARSERPARAMS& p = parser.params;
     for (const Picture& picture : pictures) {
         const CUVIDEOFORMAT& f = picture.format;
         if (std::memcmp(&parser.format, &f, sizeof f) != 0) {
             CUVIDEOFORMAT format = f;
             const int result = p.pfnSequenceCallback(p.pUserData, &format);
-            fake().sequenceResults.push_back(result);
             if (!result) return kUnknown;
             if (result > 1) parser.surfaces = unsigned(result);
             parser.format = f;
         }
         CUVIDPICPARAMS params = {};
-        params.PicWidthInMbs = int(picture.width() + 15) / 16;
-        params.FrameHeightInMbs = int(picture.height() + 15) / 16;
-        params.CurrPicIdx = parser.nextPicture;
+        params.CurrPicIdx = parser.nextPicture;  // the only field the fake's decoder reads
         parser.nextPicture = int((unsigned(parser.nextPicture) + 1) % parser.surfaces);
-        params.pBitstreamData = packet.payload;
-        params.nBitstreamDataLen = unsigned(packet.payload_size);
-        params.nNumSlices = 1;
         state().decoding = &picture;
         const int decoded = p.pfnDecodePicture(p.pUserData, &params);
         state().decoding = nullptr;
         if (!decoded) continue;  // a picture that the client did not decode is not displayed either
-        parser.displayQueue.push_back({params.CurrPicIdx, 1, 0, 0, picture.pts});
-        if (const CUresult result = display(parser, false)) return result;
+        CUVIDPARSERDISPINFO display = {params.CurrPicIdx, 1, 0, 0, 0};
+        if (!p.pfnDisplayPicture(p.pUserData, &display)) return kUnknown;
     }
     return CUDA_SUCCESS;
 }
@@ -362,21 +294,11 @@ CUresult CUDAAPI parseVideoData(CUvideoparser handle, CUVIDSOURCEDATAPACKET* pac
     if (parser->parsing) return breach("parser entered from its own callback");
     const bool endOfStream = packet->flags & CUVID_PKT_ENDOFSTREAM;
     if (!endOfStream && (!packet->payload || !packet->payload_size)) return breach("empty packet");
+    if (!(packet->flags & CUVID_PKT_ENDOFPICTURE)) return breach("the fake takes whole pictures only", kNotSupported);
     fake().packetTimestamps.push_back(packet->timestamp);
-    const int64_t pts = packet->flags & CUVID_PKT_TIMESTAMP ? packet->timestamp : 0;
-    std::vector<Picture> pictures = std::move(parser->held);
-    parser->held.clear();
-    for (Picture& picture : parser->decoder->decode(packet->payload, packet->payload_size, pts, endOfStream))
-        pictures.push_back(std::move(picture));
-    // Without the end-of-picture flag the parser learns that a picture is complete only from
-    // the data that follows it.
-    if (!endOfStream && !(packet->flags & CUVID_PKT_ENDOFPICTURE)) {
-        parser->held = std::move(pictures);
-        return CUDA_SUCCESS;
-    }
+    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size);
     parser->parsing = true;
-    CUresult result = parsePictures(*parser, pictures, *packet);
-    if (result == CUDA_SUCCESS && endOfStream) result = display(*parser, true);
+    const CUresult result = parsePictures(*parser, pictures);
     parser->parsing = false;
     return result;
 }

@@ -1,10 +1,9 @@
-// A fake CUVID driver that decodes for real: HEVC with libde265, H.264 with libavcodec. Its
-// parser calls the sequence, decode and display callbacks as the interface's comments describe
-// (synchronously inside cuvidParseVideoData; a display delay held back until later pictures or
-// the end of the stream; without the end-of-picture flag a packet's pictures come out with the
-// next packet). Its decoder keeps coded-size surfaces; a mapped frame is host-table device
-// memory with a pitch wider than the picture and the chroma plane below the whole target
-// height. Handles, call order and map/unmap pairing are checked; breaches go to `faults`.
+// A fake CUVID driver that decodes for real with libavcodec. Its parser calls the sequence, decode
+// and display callbacks as the interface's comments describe, synchronously inside
+// cuvidParseVideoData; it takes packets of whole pictures without a display delay, as NvDecoder
+// sends them, and refuses others. Its decoder keeps coded-size surfaces; a mapped frame is
+// host-table device memory with a pitch wider than the picture and the chroma plane below the
+// whole target height. Handles, call order and map/unmap pairing are checked; breaches go to `faults`.
 #pragma once
 
 #include <map>
@@ -17,14 +16,12 @@
 struct FakeCuvid {
     // ---- How the driver behaves
     std::set<cudaVideoCodec> supported = {cudaVideoCodec_H264, cudaVideoCodec_HEVC};  // 8-bit 4:2:0
-    unsigned maxWidth = 4096, maxHeight = 4096, maxMBCount = 65536;
+    unsigned maxWidth = 4096;
     std::map<std::string, CUresult> failing;  // entry point name → status of its every call
 
     // ---- What happened
     std::vector<std::string> faults;
-    std::vector<CUVIDDECODECREATEINFO> decodersCreated;
     std::vector<int64_t> packetTimestamps;  // of every packet parsed
-    std::vector<int> sequenceResults;       // what the sequence callback returned
 
     // Parsers, decoders, context locks and mapped frames still alive.
     size_t liveObjects() const;

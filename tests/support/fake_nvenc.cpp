@@ -6,10 +6,10 @@
 
 namespace {
 
-// A bitstream buffer (pending: encoded but held back; ready: may be locked) or a registered
-// resource (whose mapped handle is its handle + 1).
+// A bitstream buffer (ready: encoded, may be locked) or a registered resource (whose mapped handle
+// is its handle + 1).
 struct Object {
-    bool isBuffer = false, pending = false, ready = false, locked = false, mapped = false;
+    bool isBuffer = false, ready = false, locked = false, mapped = false;
     std::vector<uint8_t> bytes;
     uint32_t pictureType = 0;
     NV_ENC_REGISTER_RESOURCE registration = {};
@@ -88,7 +88,7 @@ NVENCSTATUS preset(Session& session, bool legacyQuery, GUID preset, NV_ENC_TUNIN
     VERSION(out->presetCfg.version, 7, true);
     if (isLegacyPreset(preset) != legacyQuery || (!legacyQuery && tuning == NV_ENC_TUNING_INFO_UNDEFINED))
         return breach("preset or tuning info of the other interface");
-    if (legacyQuery && !fake().legacyPresets && !fake().refuseAtInitialize) return NV_ENC_ERR_UNSUPPORTED_PARAM;
+    if (legacyQuery && !fake().legacyPresets) return NV_ENC_ERR_UNSUPPORTED_PARAM;
     NV_ENC_CONFIG& config = out->presetCfg;
     config.frameIntervalP = 3, config.gopLength = 250;
     config.rcParams.rateControlMode = NV_ENC_PARAMS_RC_VBR, config.rcParams.constQP = {20, 22, 18};
@@ -110,10 +110,9 @@ NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params)
     VERSION(params->version, 5, true);
     VERSION(params->encodeConfig->version, 7, true);
     if (params->enableEncodeAsync) return breach("asynchronous mode without completion events");
-    const bool legacySession = (session.api & 0xFF) < 10;
-    if (!fake().legacyPresets && legacySession) return NV_ENC_ERR_INVALID_PARAM;
-    if (!legacySession && (isLegacyPreset(params->presetGUID) ||
-                           params->encodeConfig->rcParams.rateControlMode == NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ))
+    if ((session.api & 0xFF) >= 10 &&
+        (isLegacyPreset(params->presetGUID) ||
+         params->encodeConfig->rcParams.rateControlMode == NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ))
         return breach("legacy preset or rate control on the newer interface");
     fake().initParams = *params;
     fake().config = *params->encodeConfig;
@@ -181,15 +180,9 @@ NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
     SESSION_ENTRY("nvEncEncodePicture", encoder);
     VERSION(pic->version, 4, true);
     if (pic->completionEvent) return breach("completion event in synchronous mode");
-    auto finishPending = [&] {
-        for (auto& object : session.objects)
-            if (object.second.pending) object.second.ready = !(object.second.pending = false);
-        return NV_ENC_SUCCESS;
-    };
-    if (pic->encodePicFlags & NV_ENC_PIC_FLAG_EOS) return finishPending();
     Object* resource = mappedResource(session, pic->inputBuffer);
     Object* buffer = find(session, pic->outputBitstream, true);
-    if (!session.initialized || !resource || !buffer || buffer->locked || buffer->pending)
+    if (!session.initialized || !resource || !buffer || buffer->locked || buffer->ready)
         return breach("picture without initialised session, mapped input or free bitstream buffer");
     const NV_ENC_REGISTER_RESOURCE& surface = resource->registration;
     if (pic->bufferFmt != surface.bufferFormat || pic->inputWidth != surface.width ||
@@ -203,8 +196,8 @@ NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
                                        static_cast<const uint8_t*>(surface.resourceToRegister), surface.pitch,
                                        surface.width, surface.height, surface.bufferFormat,
                                        fake().packetBytes.count(index) ? fake().packetBytes[index] : 0);
-    buffer->pending = true;
-    return fake().needMoreInput.count(index) ? NV_ENC_ERR_NEED_MORE_INPUT : finishPending();
+    buffer->ready = true;
+    return NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI lockBitstream(void* encoder, NV_ENC_LOCK_BITSTREAM* lock) {

@@ -16,10 +16,8 @@ struct FakeNvenc {
     // ---- How the driver behaves
     uint32_t maxVersion = (11 << 4) | 1;
     bool legacyPresets = true;        // false: a driver of the 590 series on
-    bool refuseAtInitialize = false;  // without legacy presets: the query works, initialisation refuses
     bool hevc = true;                 // HEVC in the capability query
     uint16_t lookaheadDepth = 0;      // what the presets deliver
-    std::set<uint32_t> needMoreInput;            // frame indices answered NV_ENC_ERR_NEED_MORE_INPUT
     std::map<uint32_t, size_t> packetBytes;      // frame index → payload padded to this size
     std::map<std::string, NVENCSTATUS> failing;  // entry point → its status ("load": no library)
 

@@ -11,13 +11,9 @@ class OnHostDevice : public testing::Test {
 protected:
     OnHostDevice() { device::hostDevice().reset(); }
     void TearDown() override {
-        expectNoFaults();
+        for (const std::string& fault : device::hostDevice().faults) ADD_FAILURE() << fault;
         EXPECT_EQ(device::hostDevice().liveAllocations(), 0u) << "device memory leaked";
         device::hostDevice().reset();
-    }
-    static void expectNoFaults() {
-        for (const std::string& fault : device::hostDevice().faults) ADD_FAILURE() << fault;
-        device::hostDevice().faults.clear();
     }
 
 private:
