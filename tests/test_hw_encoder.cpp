@@ -122,8 +122,12 @@ TEST_F(Encoding, SetUpsThatFailLeaveNothingBehind) {
         fake.maxVersion = c.maxVersion;
         fake.legacyPresets = c.legacyPresets;
         fake.hevc = c.hevc;
-        EXPECT_EQ(HwEncoder(packing::kUint32, c.codec, c.lossless, 1000000, 16, 8, c.frameRate).isReady(), c.ready);
+        HwEncoder encoder(packing::kUint32, c.codec, c.lossless, 1000000, 16, 8, c.frameRate);
+        EXPECT_EQ(encoder.isReady(), c.ready);
         EXPECT_EQ(fake.calls["nvEncInitializeEncoder"], c.initialisations);
+        // A frame then finds no session, never one that failed before it had input frames.
+        uint32_t type = 0;
+        EXPECT_TRUE(c.ready || encoder.encode(DeviceBuffer(Bytes(16 * 4 * 8)).get(), 64, 16, 8, &type, false) == 0);
     }
 }
 

@@ -110,7 +110,10 @@ HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInt
     } catch (const NVENCException&) {
         // The preset query and the initialisation are where a driver refuses the legacy
         // presets; a failure after initialisation (ring set-up) is no refusal.
-        return legacy && !encoder->IsEncoderCreated() ? SessionResult::PresetsRefused : SessionResult::Failed;
+        const bool refused = legacy && !encoder->IsEncoderCreated();
+        // A session that failed after initialisation has no input frames to hand out.
+        encoder.reset();
+        return refused ? SessionResult::PresetsRefused : SessionResult::Failed;
     }
     return SessionResult::Created;
 }
