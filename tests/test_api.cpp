@@ -7,6 +7,7 @@
 
 #include "NVCompression/NvCodec/DriverApi.h"
 #include "api/pipe.h"
+#include "support/fake_nvenc.h"
 #include "support.h"
 
 // Each instance call fails on a null pipe (library-wide text), on a pipe of the other role (the
@@ -102,53 +103,33 @@ TEST(SharedLibrary, ExportsExactlyTheCInterfaceAndNeedsNoDriver) {
         EXPECT_EQ(needed.find(driver), std::string::npos) << needed;
 }
 
-namespace {
-struct FakeDriver {
-    uint32_t maxVersion;
-    int h264Width, hevcWidth, destroyResult;
-    bool loads;
-    uint32_t h264, hevc;                                // the flags expected
-    int opens, sessions = 0, destroyed = 0, freed = 0;  // the sessions expected; what the probe did
-}* fake;
-int contextStorage, encoderStorage;
-NvencFunctions nvencTable;
-}  // namespace
-
+// The probe opens its own CUDA context and one NVENC session, and takes all of them down again;
+// it returns what the context's destruction returned.
 TEST(EncCapabilities, ProbeAgainstFakeDrivers) {
-    FakeDriver cases[] = {{0x81, 4096, 0, 0, true, 1, 0, 1}, {0x90, 0, 8192, 0, true, 0, 1, 1},
-                          {0x80, 4096, 4096, 0, true, 0, 0, 0},      // a driver older than NVENC 8.1
-                          {0x81, 4096, 4096, 201, false, 0, 0, 0}};  // no NVENC: the context destruction's result
+    static CUresult destroyResult;
     CudaFunctions cuda = {};
     cuda.cuInit = [](unsigned int) { return CUDA_SUCCESS; };
     cuda.cuDeviceGet = [](CUdevice* device, int ordinal) { return *device = ordinal, CUDA_SUCCESS; };
-    cuda.cuCtxCreate = [](CUcontext* c, unsigned int, CUdevice) { return *c = CUcontext(&contextStorage), CUDA_SUCCESS; };
-    cuda.cuCtxDestroy = [](CUcontext c) { return CUresult(c == CUcontext(&contextStorage) ? fake->destroyResult : 999); };
-    nvencTable.NvEncodeAPIGetMaxSupportedVersion = [](uint32_t* version) { return *version = fake->maxVersion, NV_ENC_SUCCESS; };
-    nvencTable.NvEncodeAPICreateInstance = [](NV_ENCODE_API_FUNCTION_LIST* list) {
-        list->nvEncOpenEncodeSessionEx = [](NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
-            const bool cuda = params->deviceType == NV_ENC_DEVICE_TYPE_CUDA && params->device == &contextStorage;
-            return ++fake->sessions, *encoder = cuda ? &encoderStorage : nullptr, NV_ENC_SUCCESS;
-        };
-        list->nvEncGetEncodeCaps = [](void* encoder, GUID codec, NV_ENC_CAPS_PARAM* query, int* value) {
-            const bool asked = encoder == &encoderStorage && query->capsToQuery == NV_ENC_CAPS_WIDTH_MAX;
-            *value = !asked ? -1 : !memcmp(&codec, &NV_ENC_CODEC_H264_GUID, 16) ? fake->h264Width
-                               : !memcmp(&codec, &NV_ENC_CODEC_HEVC_GUID, 16) ? fake->hevcWidth : -1;
-            return NV_ENC_SUCCESS;
-        };
-        list->nvEncDestroyEncoder = [](void*) { return ++fake->destroyed, NV_ENC_SUCCESS; };
-        return NV_ENC_SUCCESS;
-    };
-    DriverApi api;
-    api.cuda = &cuda;
-    api.loadNvenc = [](NvencFunctions** functions) { return *functions = &nvencTable, fake->loads ? 0 : -1; };
-    api.freeNvenc = [](NvencFunctions** functions) { ++fake->freed, *functions = nullptr; };
-    ScopedDriverApi scoped(api);
-    for (FakeDriver& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        fake = &c;
-        uint32_t h264 = 7, hevc = 7;
-        EXPECT_EQ(ZOHW_GetEncCapabilities(&h264, &hevc), uint32_t(c.destroyResult));
-        EXPECT_EQ(std::make_pair(h264, hevc), std::make_pair(c.h264, c.hevc));
-        EXPECT_EQ(std::make_tuple(c.sessions, c.destroyed, c.freed), std::make_tuple(c.opens, c.opens, int(c.loads)));
+    cuda.cuCtxCreate = [](CUcontext* c, unsigned int, CUdevice) { return *c = CUcontext(&destroyResult), CUDA_SUCCESS; };
+    cuda.cuCtxDestroy = [](CUcontext c) { return c == CUcontext(&destroyResult) ? destroyResult : CUresult(999); };
+    // The driver's interface version, HEVC, whether NVENC loads; the H.264 and HEVC flags expected.
+    const std::tuple<uint32_t, bool, bool, uint32_t, uint32_t> cases[] = {
+        {0x81, false, true, 1, 0}, {0xB1, true, true, 1, 1},
+        {0x80, true, true, 0, 0},    // a driver older than NVENC 8.1
+        {0xB1, true, false, 0, 0}};  // no NVENC
+    for (const auto& [version, hevc, loads, h264Flag, hevcFlag] : cases) {
+        SCOPED_TRACE(testing::Message() << version << " " << hevc << " " << loads);
+        FakeNvenc& fake = fakeNvenc() = FakeNvenc{};
+        fake.maxVersion = version;
+        fake.hevc = hevc;
+        if (!loads) fake.failing["load"] = NV_ENC_ERR_NO_ENCODE_DEVICE;
+        DriverApi api = fake.driverApi();
+        api.cuda = &cuda;
+        ScopedDriverApi scoped(api);
+        destroyResult = loads ? CUDA_SUCCESS : CUresult(201);
+        uint32_t h264 = 7, hevcOut = 7;
+        EXPECT_EQ(ZOHW_GetEncCapabilities(&h264, &hevcOut), uint32_t(destroyResult));
+        EXPECT_EQ(std::make_tuple(h264, hevcOut, fake.openSessions(), fake.librariesLoaded, fake.faults),
+                  std::make_tuple(h264Flag, hevcFlag, size_t(0), 0, std::vector<std::string>{}));
     }
 }

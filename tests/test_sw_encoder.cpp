@@ -122,6 +122,14 @@ INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::ValuesIn(std::vector<Record
     {3, 64, 48, 12, 8, 1}, {3, 63, 47, 12, 8, 1}, {4, 40, 32, 12, 8, 1}, {4, 45, 31, 12, 8, 1}, {5, 32, 24, 12, 8, 1},
     {5, 29, 21, 12, 8, 1}}));
 
+TEST_F(SwEncoding, CbrOfThreeHundredFramesMeetsTheBitrateWithinTenPercent) {
+    for (const uint64_t bitrate : {500000ull, 1000000ull}) {
+        const Recording r{3, 160, 120, 300, 30, 0, bitrate};
+        const double bitsPerSecond = double(record(r, openBytes({}).get())) * 8 / (r.frames / double(r.fps));
+        EXPECT_NEAR(bitsPerSecond, double(bitrate), 0.1 * bitrate);
+    }
+}
+
 TEST_F(SwEncoding, ZoqrvEncoderChoosesOrFailsWithAText) {
     const char* const unsupported = "unsupported hardware or codec for encoding";
     // An empty text: a pipe with libx265 ("auto": without NVENC here; a GPU machine may give NVENC).
