@@ -298,7 +298,8 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
     }
     int decoded = -1;
     // The sample info comes with the payload when the buffer has room for it after the
-    // payload: a call into stdio costs more than copying 264 bytes.
+    // payload: a call into stdio costs more than copying 264 bytes. It is then read before the
+    // decode step, so a step that throws leaves the stream after the info, not before it.
     const bool infoAfterPayload =
         payloadBytes <= payloadBuffer_.size() && payloadBuffer_.size() - payloadBytes >= kSampleInfoBytes;
     bool infoRead = false;
