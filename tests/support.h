@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "container/qrv_file.h"
+#include "zo_qrv64.h"
 
 using Bytes = std::vector<uint8_t>;
 
@@ -26,6 +27,26 @@ inline Bytes randomBytes(size_t size, uint32_t seed) {
     Bytes bytes(size);
     for (auto& b : bytes) b = uint8_t(generator());
     return bytes;
+}
+
+// A pipe of the C interface, destroyed at scope end.
+using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
+inline Pipe decoderPipe(uint32_t code, uint32_t codec, uint32_t width, uint32_t height) {
+    return Pipe(ZOHW_CreateDecoder(code, codec, width, height, 0), &ZOHW_Destroy);
+}
+
+// One ZOHW_DecodeFrameAndMetadata into a buffer of `bytes`, filled with 0xEE beforehand.
+struct DecodedFrame {
+    uint32_t status = 1, number = 0, type = 0;
+    uint64_t time = 0;
+    Bytes data;
+    uint8_t metadata[256] = {};
+};
+inline DecodedFrame decodeNext(ZoHwPipe* pipe, FILE* file, size_t bytes) {
+    DecodedFrame d;
+    d.data.assign(bytes, 0xEE);
+    d.status = ZOHW_DecodeFrameAndMetadata(pipe, file, d.data.data(), &d.number, &d.time, &d.type, d.metadata);
+    return d;
 }
 
 struct FileCloser { void operator()(FILE* f) const { fclose(f); } };

@@ -1,8 +1,7 @@
 // Hardware decoding pipes through the C interface on the fake CUVID driver and the host device
 // table, with x265 and x264 streams (some with a coded size larger than their display area)
-// against ffmpeg's decode: every data format in order and by seeking, retries, texts, capability
+// against ffmpeg's decode: every data format in order, the seek limit, retries, texts, capability
 // refusals and cleanup when any driver call fails. The same pipes on a real GPU.
-#include <array>
 #include <memory>
 
 #include "kernels/colour_reference.h"
@@ -14,7 +13,6 @@
 
 namespace {
 
-using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
 constexpr uint32_t kHardware = 1, kSoftware = 2, kUint8 = 3;
 
 struct StreamCase {
@@ -25,10 +23,6 @@ const StreamCase kHevc200 = {"tests", "gop5_200x120", 1}, kHevc198 = {"tests", "
                  kH264200 = {"h264", "h264_gop5_200x120", 0}, kH264198 = {"h264", "h264_gop4_198x118", 0};
 void PrintTo(const StreamCase& c, std::ostream* out) { *out << c.name; }  // readable test names
 const Bytes kDelimiterOnly = {0, 0, 0, 1, 0x46, 0x01, 0x50};  // a record without a picture: an HEVC AUD
-
-Pipe pipe(uint32_t code, uint32_t codec, uint32_t w, uint32_t h) {
-    return Pipe(ZOHW_CreateDecoder(code, codec, w, h, 0), &ZOHW_Destroy);
-}
 
 // ffmpeg's decode of every frame of `stream` as NV12 with pitch = width.
 std::vector<Bytes> referenceNv12Frames(const HevcStream& stream) {
@@ -56,27 +50,13 @@ Bytes unpackedByTheCpuTwin(uint32_t code, const Bytes& nv12, uint32_t pitch, uin
     return out;
 }
 
-struct Frame {
-    uint32_t status = 1, number = 0, type = 0;
-    uint64_t time = 0;
-    Bytes data;
-    std::array<uint8_t, 256> metadata{};
-};
-// One ZOHW_DecodeFrameAndMetadata into a buffer of `bytes`.
-Frame next(ZoHwPipe* p, FILE* f, size_t bytes) {
-    Frame r;
-    r.data.assign(bytes, 0xEE);
-    r.status = ZOHW_DecodeFrameAndMetadata(p, f, r.data.data(), &r.number, &r.time, &r.type, r.metadata.data());
-    return r;
-}
-
-// Reads a recording of `stream` in order and by seeking through a pipe of data format `code`
-// (as wide as the picture allows) that decodes in hardware, against ffmpeg's decode.
+// Reads a recording of `stream` in order through a pipe of data format `code` (as wide as the
+// picture allows) that decodes in hardware, against ffmpeg's decode.
 void expectPipeReadsAsTheReference(const HevcStream& stream, uint32_t codec, uint32_t code) {
     const auto reference = referenceNv12Frames(stream);
     const uint32_t W = stream.width, h = stream.height, n = uint32_t(reference.size());
     const uint32_t w = code == packing::kUint16 ? W / 2 : code == packing::kUint32 ? W / 4 : W;
-    Pipe p = pipe(code, codec, w, h);
+    Pipe p = decoderPipe(code, codec, w, h);
     ASSERT_TRUE(p);
     ASSERT_EQ(ZOHW_GetDecoderType(p.get()), kHardware);
     TestFile f(fopen(stream.qrvPath.c_str(), "rb"));
@@ -85,7 +65,7 @@ void expectPipeReadsAsTheReference(const HevcStream& stream, uint32_t codec, uin
     const uint32_t bytes = packing::packedSize(code, w, h);
     // The last record's frame number (N) is above N - 1: sequential reading never delivers it.
     for (uint32_t i = 0; i < n; ++i) {
-        const Frame r = next(p.get(), f.get(), bytes);
+        const DecodedFrame r = decodeNext(p.get(), f.get(), bytes);
         ASSERT_EQ(r.status, i + 1 < n ? 0u : 1u) << "record " << i;
         if (i + 1 == n) break;
         EXPECT_EQ(r.number, i + 1);
@@ -97,13 +77,9 @@ void expectPipeReadsAsTheReference(const HevcStream& stream, uint32_t codec, uin
     EXPECT_EQ(ZOHW_GetTimeStampForSample(p.get(), f.get(), int32_t(n - 2), &time), 0u);
     EXPECT_EQ(time, (n - 2) * 40u);  // zoqrv import: 40,000 µs a frame at 25 fps
     EXPECT_EQ(ZOHW_GetTimeStampForSample(p.get(), f.get(), int32_t(n - 1), &time), 1u);
-    for (uint32_t s : {n - 2, 1u, stream.keyint, 0u}) {
-        ASSERT_EQ(ZOHW_SetHEVCPositionInFile(p.get(), f.get(), int32_t(s)), 0u) << "seek to " << s;
-        const Frame r = next(p.get(), f.get(), bytes);
-        ASSERT_EQ(r.status, 0u) << "after a seek to " << s;
-        EXPECT_EQ(r.number, s + 1);
-        EXPECT_TRUE(r.data == unpackedByTheCpuTwin(code, reference[s], W, w, h)) << "after a seek to " << s;
-    }
+    // A seek beyond the records throws the text host applications match (fuzz_seek_stress checks seeks).
+    try { ZOHW_SetHEVCPositionInFile(p.get(), f.get(), int32_t(n)), ADD_FAILURE() << "no exception"; }
+    catch (const std::out_of_range& e) { EXPECT_STREQ(e.what(), "invalid vector<T> subscript"); }
 }
 
 // On the HEVC 200 x 120 recording; fails on any breach of the CUVID contract, any driver object
@@ -129,7 +105,7 @@ private:
 
 class HwPipes : public Decoding, public testing::WithParamInterface<std::tuple<StreamCase, uint32_t>> {};
 
-TEST_P(HwPipes, ReadInOrderAndBySeekingAsTheCpuTwinUnpacksTheReference) {
+TEST_P(HwPipes, ReadInOrderAsTheCpuTwinUnpacksTheReference) {
     const auto [c, code] = GetParam();
     expectPipeReadsAsTheReference(hevcStream(c.name, c.set), c.codec, code);
 }
@@ -140,7 +116,7 @@ INSTANTIATE_TEST_SUITE_P(Formats, HwPipes, kPipes);
 // A sample is decoded up to three times, a record read up to four; of several pictures the last
 // one is delivered.
 TEST_F(Decoding, DecodingRetriesThriceAndSequentialReadingTriesFourRecords) {
-    Pipe p = pipe(kUint8, 1, 200, 120);
+    Pipe p = decoderPipe(kUint8, 1, 200, 120);
     Bytes out(200 * 120), two = payloads[0];
     two.insert(two.end(), payloads[1].begin(), payloads[1].end());
     EXPECT_EQ(ZOHW_Decode(p.get(), kDelimiterOnly.data(), kDelimiterOnly.size(), out.data()), 1u);
@@ -160,12 +136,12 @@ TEST_F(Decoding, DecodingRetriesThriceAndSequentialReadingTriesFourRecords) {
         for (uint32_t i = 0; i < empties; ++i) b.add(++number, 0, 1, kDelimiterOnly);
         for (size_t i = 0; i < 3; ++i) b.add(++number, 1000 * i, i ? 1 : 3, payloads[i]);
         TestFile file = openBytes(b.bytes());
-        p = pipe(kUint8, 1, 200, 120);
+        p = decoderPipe(kUint8, 1, 200, 120);
         ASSERT_EQ(ZOHW_CreateQRVTracker(p.get(), file.get()), 0u);
-        Frame r = next(p.get(), file.get(), 200 * 120);
+        DecodedFrame r = decodeNext(p.get(), file.get(), 200 * 120);
         if (empties == 4) {
             EXPECT_EQ(r.status, 1u);
-            r = next(p.get(), file.get(), 200 * 120);
+            r = decodeNext(p.get(), file.get(), 200 * 120);
         }
         ASSERT_EQ(r.status, 0u);
         EXPECT_EQ(r.number, empties + 1);
@@ -177,14 +153,15 @@ TEST_F(Decoding, DecodingRetriesThriceAndSequentialReadingTriesFourRecords) {
 // A GPU without the codec and an unknown codec fall back to software decoding; a picture larger
 // than the GPU decodes fails the call with the decoder's text.
 TEST_F(Decoding, RefusalsFallBackOrFailWithTheirTexts) {
-    EXPECT_EQ(ZOHW_GetDecoderType(pipe(kUint8, 2, 200, 120).get()), kSoftware);
+    EXPECT_EQ(ZOHW_GetDecoderType(decoderPipe(kUint8, 2, 200, 120).get()), kSoftware);
     fake.supported.clear();
-    EXPECT_EQ(ZOHW_GetDecoderType(pipe(kUint8, 1, 200, 120).get()), kSoftware);
+    EXPECT_EQ(ZOHW_GetDecoderType(decoderPipe(kUint8, 1, 200, 120).get()), kSoftware);
     fake.supported = {cudaVideoCodec_HEVC};
     fake.maxWidth = 199;
     testing::internal::CaptureStdout();
     Bytes out(200 * 120);
-    EXPECT_EQ(ZOHW_Decode(pipe(kUint8, 1, 200, 120).get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
+    Pipe p = decoderPipe(kUint8, 1, 200, 120);
+    EXPECT_EQ(ZOHW_Decode(p.get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
     const std::string printed = testing::internal::GetCapturedStdout();
     EXPECT_NE(printed.find("Max Supported (wxh) : 199x4096\nResolution not supported on this GPU at "),
               std::string::npos) << printed;
@@ -208,13 +185,13 @@ TEST_P(HwFailures, LeaveNothingBehind) {
     if (*entry) fake.failing[entry] = CUresult(2);
     TestFile f(fopen(stream.qrvPath.c_str(), "rb"));
     testing::internal::CaptureStdout();
-    Pipe p = pipe(kUint8, 1, 200, 120);
+    Pipe p = decoderPipe(kUint8, 1, 200, 120);
     ZOHW_CreateQRVTracker(p.get(), f.get());
     ZOHW_SetHEVCPositionInFile(p.get(), f.get(), 0);
     std::vector<uint32_t> statuses;
     for (int i = 0; i < 4; ++i) {
         if (!*entry && i == 1) device::hostDevice().failNext(call);
-        statuses.push_back(next(p.get(), f.get(), 200 * 120 * 2).status);  // software decoding gives YUYV
+        statuses.push_back(decodeNext(p.get(), f.get(), 200 * 120 * 2).status);  // software decoding gives YUYV
     }
     p.reset();
     const std::string printed = testing::internal::GetCapturedStdout();
@@ -235,7 +212,8 @@ TEST_F(Decoding, APipeWiderThanThePictureFailsTheCall) {
     // A pipe wider than the decoded picture would read outside the frame.
     Bytes out(216 * 120 * 2);
     for (const auto& [code, width] : {std::pair{kUint8, 216u}, std::pair{uint32_t(packing::kUint16), 108u}})
-        EXPECT_EQ(ZOHW_Decode(pipe(code, 1, width, 120).get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
+        EXPECT_EQ(ZOHW_Decode(decoderPipe(code, 1, width, 120).get(), payloads[0].data(), payloads[0].size(), out.data()),
+                  1u);
 }
 
 // On a real GPU through the NVIDIA driver; skipped where no GPU decodes the codec.
@@ -243,7 +221,7 @@ class GpuDecoding : public testing::TestWithParam<std::tuple<StreamCase, uint32_
 
 TEST_P(GpuDecoding, PipesReadAsTheReference) {
     const auto [c, code] = GetParam();
-    if (ZOHW_GetDecoderType(pipe(code, c.codec, 64, 64).get()) != kHardware) GTEST_SKIP() << "no GPU decodes it here";
+    if (ZOHW_GetDecoderType(decoderPipe(code, c.codec, 64, 64).get()) != kHardware) GTEST_SKIP() << "no GPU decodes it here";
     expectPipeReadsAsTheReference(hevcStream(c.name, c.set), c.codec, code);
 }
 

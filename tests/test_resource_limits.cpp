@@ -47,10 +47,9 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(m
 namespace {
 
 constexpr size_t kCap = 32 << 20;
-using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
 
 Pipe softwarePipe(uint32_t width, uint32_t height) {
-    Pipe pipe(ZOHW_CreateDecoder(1, 1, width, height, 0), &ZOHW_Destroy);
+    Pipe pipe = decoderPipe(1, 1, width, height);
     const int start = 0;
     if (!pipe || ZOHW_GetDecoderType(pipe.get()) != 2 || ZOHW_StartDecoding(pipe.get(), &start) != 0)
         ADD_FAILURE() << "no software pipe";
@@ -77,13 +76,10 @@ TEST(FuzzRegressions, KeptInputsEndQuickly) {
             annexBHasRandomAccessPicture(bytes.data(), bytes.size(), codec);
         }
         TestFile file = openBytes(bytes);
-        std::vector<uint8_t> frame(64 * 48 * 2);
-        uint8_t metadata[256];
-        uint32_t frameNumber = 0, frameType = 0;
         uint64_t time = 0;
         if (ZOHW_CreateQRVTracker(pipe.get(), file.get()) == 0)
             for (int32_t sample = 0; sample < 4; ++sample) {
-                ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber, &time, &frameType, metadata);
+                decodeNext(pipe.get(), file.get(), 64 * 48 * 2);
                 // A seek past the last sample throws, as host applications expect: only served samples.
                 if (sample == 0 || ZOHW_GetTimeStampForSample(pipe.get(), file.get(), sample, &time) == 0)
                     ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), sample);

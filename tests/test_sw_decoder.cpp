@@ -10,41 +10,31 @@
 #include "zo_qrv64.h"
 
 namespace {
-struct Decoded {
-    uint32_t status = 1, frameNumber = 0, frameType = 0;
-    uint64_t captureTime = 0;
-    Bytes frame;
-    uint8_t metadata[256] = {};
-};
-
 // A software decoding pipe (data format 1, HEVC) on one open file, at its first record.
 struct SwPipe {
-    SwPipe(FILE* file, uint32_t w, uint32_t h) : file(file), w(w), h(h), pipe(ZOHW_CreateDecoder(1, 1, w, h, 0), ZOHW_Destroy) {
+    SwPipe(FILE* file, uint32_t w, uint32_t h) : file(file), w(w), h(h), pipe(decoderPipe(1, 1, w, h)) {
         const int start = 0;
         EXPECT_EQ(ZOHW_GetDecoderType(pipe.get()), 2u);
         EXPECT_FALSE(ZOHW_StartDecoding(pipe.get(), &start) || ZOHW_CreateQRVTracker(pipe.get(), file) || seek(0));
     }
-    Decoded decode() {
-        Decoded d;
-        d.frame.assign(size_t(w) * h * 2 + 64, 0xEE);  // a guard band shows writes past the frame
-        d.status = ZOHW_DecodeFrameAndMetadata(pipe.get(), file, d.frame.data(), &d.frameNumber, &d.captureTime,
-                                               &d.frameType, d.metadata);
-        EXPECT_EQ(Bytes(d.frame.end() - 64, d.frame.end()), Bytes(64, 0xEE));
-        d.frame.resize(d.frame.size() - 64);
+    DecodedFrame decode() {
+        DecodedFrame d = decodeNext(pipe.get(), file, size_t(w) * h * 2 + 64);  // a guard band shows writes past the frame
+        EXPECT_EQ(Bytes(d.data.end() - 64, d.data.end()), Bytes(64, 0xEE));
+        d.data.resize(d.data.size() - 64);
         return d;
     }
     uint32_t seek(int32_t sample) { return ZOHW_SetHEVCPositionInFile(pipe.get(), file, sample); }
     FILE* file;
     uint32_t w, h;
-    std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe;
+    Pipe pipe;
 };
 
 // `d` is record i: ffmpeg's picture and the fields `zoqrv import` gives record i (a key frame type
 // every `keyint` records, none for 0).
-void expectRecord(const Decoded& d, size_t i, uint32_t keyint, const std::vector<Bytes>& pictures) {
+void expectRecord(const DecodedFrame& d, size_t i, uint32_t keyint, const std::vector<Bytes>& pictures) {
     ASSERT_EQ(d.status, 0u) << "record " << i;
-    EXPECT_TRUE(d.frame == pictures.at(i)) << "record " << i << " differs from ffmpeg's picture";
-    EXPECT_EQ(std::make_tuple(d.frameNumber, d.captureTime, d.frameType),
+    EXPECT_TRUE(d.data == pictures.at(i)) << "record " << i << " differs from ffmpeg's picture";
+    EXPECT_EQ(std::make_tuple(d.number, d.time, d.type),
               std::make_tuple(uint32_t(i + 1), uint64_t(i * 40000), keyint && i % keyint == 0 ? 3u : 0u));
     EXPECT_EQ(memcmp(d.metadata, testSampleInfo(0, uint32_t(i)).metadata, 256), 0) << "record " << i;
 }
@@ -81,10 +71,10 @@ TEST(SwDecoding, SequentialReadingDeliversEveryRecordAsFfmpegDecodesIt) {
             EXPECT_EQ(time, served ? sample * 40u : 0u) << sample;
             EXPECT_EQ(memcmp(metadata, served ? testSampleInfo(0, uint32_t(sample)).metadata : QrvSampleInfo{}.metadata, 256), 0);
         }
-        Decoded d;  // null streams and start arguments fail
+        DecodedFrame d;  // null streams and start arguments fail
         EXPECT_EQ(ZOHW_CreateQRVTracker(p, nullptr) + ZOHW_SetHEVCPositionInFile(p, nullptr, 0) + ZOHW_StartDecoding(p, nullptr) +
                       ZOHW_GetMetadataForSample(p, nullptr, d.metadata, 1) +
-                      ZOHW_DecodeFrameAndMetadata(p, nullptr, d.metadata, &d.frameNumber, &d.captureTime, &d.frameType,
+                      ZOHW_DecodeFrameAndMetadata(p, nullptr, d.metadata, &d.number, &d.time, &d.type,
                                                   d.metadata), 5u);
     }
 }
@@ -100,10 +90,10 @@ TEST(SwDecoding, SeekingAndPipeSizes) {
     EXPECT_THROW(pipe.seek(12), std::out_of_range);
     for (auto [w, h] : {std::pair{150u, 90u}, {208u, 120u}, {200u, 128u}}) {
         SwPipe sized(file.get(), w, h);
-        const Decoded d = sized.decode();
+        const DecodedFrame d = sized.decode();
         ASSERT_EQ(d.status, w <= s.width && h <= s.height ? 0u : 1u) << w << "x" << h;
         for (uint32_t r = 0; r < h && d.status == 0; ++r)
-            ASSERT_EQ(memcmp(&d.frame[r * 2 * w], &pictures[0][r * 2 * s.width], 2 * w), 0) << "row " << r;
+            ASSERT_EQ(memcmp(&d.data[r * 2 * w], &pictures[0][r * 2 * s.width], 2 * w), 0) << "row " << r;
     }
 }
 
@@ -171,11 +161,10 @@ TEST(SwDecoding, SeekAndReadFromTwoThreads) {
     });
     size_t delivered = 0;
     while (seeking) {
-        const Decoded d = pipe.decode();
+        const DecodedFrame d = pipe.decode();
         if (d.status != 0) continue;
         ++delivered;
-        EXPECT_TRUE(d.frameNumber >= 1 && d.frameNumber <= s.frames && d.frame == pictures[d.frameNumber - 1])
-            << "record " << d.frameNumber - 1;
+        EXPECT_TRUE(d.number >= 1 && d.number <= s.frames && d.data == pictures[d.number - 1]) << "record " << d.number - 1;
     }
     seeker.join();
     EXPECT_GT(delivered, 0u);

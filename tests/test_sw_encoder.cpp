@@ -13,8 +13,6 @@
 
 namespace {
 
-using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
-
 struct Recording {
     uint32_t kind, width, height, frames, fps, lossless;
     uint64_t bitrate = 0;
@@ -88,7 +86,7 @@ TEST_P(SwEncoding, LosslessRecordingsComeBackInOrderAndAfterSeeksAndAsFfmpegDeco
                          " && ffmpeg -nostdin -loglevel error -y -i " + hevc + " -pix_fmt yuv420p " + exported.yuvPath), 0);
     const std::vector<Bytes> pictures = exported.pictures();
     ASSERT_EQ(pictures.size(), r.frames);
-    Pipe pipe(ZOHW_CreateDecoder(r.kind, 1, width, r.height, 0), &ZOHW_Destroy);
+    Pipe pipe = decoderPipe(r.kind, 1, width, r.height);
     const int start = 0;
     ASSERT_TRUE(pipe && ZOHW_StartDecoding(pipe.get(), &start) == 0 && ZOHW_CreateQRVTracker(pipe.get(), file.get()) == 0);
     Bytes yuyv(size_t(width) * r.height * 2), data(packing::packedSize(r.kind, r.width, r.height));
