@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Uses an already built tree as another project would: installs it into a temporary prefix,
-# checks what was installed, builds the consumer program with find_package and with
+# checks what was installed and what the library exports and links, builds the consumer program with find_package and with
 # pkg-config and runs both (recording with libx265), makes the .deb and checks its files and
 # dependencies, and runs the Python module's tests when the tree built it.
 #
@@ -25,13 +25,22 @@ done
 unexpected=$(find "$prefix" \( -name '*.a' -o -name 'test_*' -o -name 'bench_*' \))
 [ -z "$unexpected" ] || fail "installed but internal: $unexpected"
 readelf -d "$libdir/libzo_qrv64.so.1" | grep -q 'SONAME.*\[libzo_qrv64\.so\.1\]' || fail "soname is not libzo_qrv64.so.1"
+# Exactly the C interface is exported, and the NVIDIA driver and CUDA runtime are no link-time
+# dependency: the library loads on a machine without them.
+exports=$(nm -D --defined-only "$libdir/libzo_qrv64.so.1" | awk '{print $3}' | cut -d@ -f1 | LC_ALL=C sort | xargs)
+[ "$exports" = "NvOptimusEnablementCuda $(grep -o 'ZOHW_[A-Za-z_]*(' include/zo_qrv64.h | tr -d '(' | LC_ALL=C sort -u | xargs)" ] ||
+  fail "exports are not exactly the C interface: $exports"
+[ "$(wc -w <<<"$exports")" = 19 ] || fail "not 18 ZOHW_ functions and NvOptimusEnablementCuda: $exports"
+needed=$(readelf -d "$libdir/libzo_qrv64.so.1" | grep NEEDED)
+! grep -Eq 'libcuda\.so|libnvcuvid|libnvidia-encode|libcudart' <<<"$needed" ||
+  fail "the library links the NVIDIA driver or the CUDA runtime: $needed"
 
 # The consumer, built both ways, records and plays back.
-cmake -S tests/consumer -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake -S examples/consumer -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-consumer" >/dev/null
 "$work/cmake-consumer/consumer" "$work/cmake.qrv"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-cc -std=c99 -Wall -Werror -o "$work/pc-consumer" tests/consumer/consumer.c \
+cc -std=c99 -Wall -Werror -o "$work/pc-consumer" examples/consumer/consumer.c \
   $(pkg-config --cflags --libs zo_qrv64) -Wl,-rpath,"$(pkg-config --variable=libdir zo_qrv64)"
 "$work/pc-consumer" "$work/pc.qrv"
 "$prefix/bin/zoqrv" info "$work/pc.qrv" | grep -q . || fail "zoqrv info printed nothing"
