@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses of fuzz/ with clang (library sources instrumented, ASan and
 # UBSan) in build-fuzz/ and runs each for SECONDS (default 30) from the seed corpus of
-# scripts/make-fuzz-corpus.sh and what earlier runs found. A crash, leak, timeout, memory
+# scripts/make-fuzz-corpus.sh, what earlier runs found and the inputs kept in
+# tests/data/fuzz/<harness>/. A crash, leak, timeout, memory
 # blow-up or sanitizer report fails the script and prints the input in hex; the input is kept
 # in build-fuzz/findings/.
 #
@@ -27,10 +28,13 @@ for harness in "$build"/fuzz/fuzz_*; do
   name=$(basename "$harness")
   found="$build/found/$name" findings="$build/findings/$name"
   mkdir -p "$found" "$findings"
+  # Inputs that once failed this harness are seeds of every run, so each run replays them.
+  kept=tests/data/fuzz/$name
+  [ -d "$kept" ] || kept=
   # One record may take the decoder's 2 s deadline; a whole input gets 10 s and 512 MB at once.
   if ! "$harness" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -malloc_limit_mb=512 \
        -dict=fuzz/qrv.dict -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$findings/" \
-       "$found" "$build/corpus/$name" 2>"$build/$name.log"; then
+       "$found" "$build/corpus/$name" ${kept:+"$kept"} 2>"$build/$name.log"; then
     status=1
     tail -n 60 "$build/$name.log"
     for input in "$findings"/*; do

@@ -59,7 +59,6 @@ public:
         context_->thread_count = 1;
         context_->flags |= AV_CODEC_FLAG_LOW_DELAY;  // every picture comes out with its packet
         context_->apply_cropping = 0;
-        parser_ = av_parser_init(id);
         if (avcodec_open2(context_, avcodec_find_decoder(id), nullptr) < 0) breach("libavcodec did not open");
     }
     ~RealDecoder() {
@@ -74,6 +73,10 @@ public:
         std::vector<uint8_t> padded(data, data + bytes);
         padded.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE, 0);
         std::vector<Picture> out;
+        // Each packet gets a fresh parser: after a damaged packet, libavcodec's HEVC parser can
+        // fail an assertion (and abort) on the next one.
+        av_parser_close(parser_);
+        parser_ = av_parser_init(context_->codec_id);
         // The packet ends its last picture: the parser is flushed with an empty call.
         for (size_t at = 0, flushed = 0; !flushed;) {
             flushed = at == bytes;
