@@ -76,8 +76,9 @@ DecodeMode decodeMode(const ZoHwPipe& pipe) {
     return DecodeMode::None;
 }
 
-// Running out of memory while reading or decoding a file or keeping the index is a failed
-// call, not an exception for a C host. The exceptions that hosts are promised (Exception, the
+// Running out of memory while encoding, reading or decoding a file or keeping the index is a
+// failed call, not an exception for a C host (even when it is the text of an encoding
+// Exception that cannot be made). The exceptions that hosts are promised (Exception, the
 // codec exceptions, "invalid vector<T> subscript") still pass.
 template <class Call>
 uint32_t failOnExhaustion(Call call) {
@@ -151,11 +152,13 @@ ZOHW_API void ZOHW_Destroy(ZoHwPipe* pipe) { delete pipe; }
 ZOHW_API uint32_t ZOHW_Encode(ZoHwPipe* pipe, uint64_t* outSize, const void* frame,
                               uint64_t framePitch, void* outBitstream) {
     if (!isEncoderPipe(pipe)) return kFailed;
-    uint32_t pictureType = 0;
-    *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &pictureType, false);
-    if (*outSize == 0) return kFailed;
-    std::memcpy(outBitstream, pipe->encoder->outputBuffer(), *outSize);
-    return kOk;
+    return failOnExhaustion([&] {
+        uint32_t pictureType = 0;
+        *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &pictureType, false);
+        if (*outSize == 0) return kFailed;
+        std::memcpy(outBitstream, pipe->encoder->outputBuffer(), *outSize);
+        return kOk;
+    });
 }
 
 ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* outSize,
@@ -163,11 +166,11 @@ ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* 
                                         uint64_t timestamp, const uint32_t* metadata,
                                         int32_t metadataWords) {
     if (!isEncoderPipe(pipe)) return kFailed;
-    uint32_t frameType = 0;
-    *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &frameType, false);
-    if (*outSize == 0 || !stream) return kFailed;
-    Encoder& encoder = *pipe->encoder;
     return failOnExhaustion([&] {
+        uint32_t frameType = 0;
+        *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &frameType, false);
+        if (*outSize == 0 || !stream) return kFailed;
+        Encoder& encoder = *pipe->encoder;
         encoder.appendIndexEntry(static_cast<uint64_t>(qrvTell(stream)), frameType);
         qrvWriteRecord(stream, QrvRecord{encoder.encodedFrames(), timestamp, frameType,
                                          encoder.outputBuffer(), *outSize, metadata, metadataWords});
