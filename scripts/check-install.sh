@@ -31,6 +31,9 @@ exports=$(nm -D --defined-only "$libdir/libzo_qrv64.so.1" | awk '{print $3}' | c
 [ "$exports" = "NvOptimusEnablementCuda $(grep -o 'ZOHW_[A-Za-z_]*(' include/zo_qrv64.h | tr -d '(' | LC_ALL=C sort -u | xargs)" ] ||
   fail "exports are not exactly the C interface: $exports"
 [ "$(wc -w <<<"$exports")" = 19 ] || fail "not 18 ZOHW_ functions and NvOptimusEnablementCuda: $exports"
+# The installed header compiles on its own as C and as C++.
+cc -std=c99 -pedantic -Wall -Werror -fsyntax-only -x c "$prefix/include/zo_qrv64.h"
+c++ -std=c++11 -pedantic -Wall -Werror -fsyntax-only -x c++ "$prefix/include/zo_qrv64.h"
 needed=$(readelf -d "$libdir/libzo_qrv64.so.1" | grep NEEDED)
 ! grep -Eq 'libcuda\.so|libnvcuvid|libnvidia-encode|libcudart' <<<"$needed" ||
   fail "the library links the NVIDIA driver or the CUDA runtime: $needed"

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Keeps the test suite lean: the lines under tests/ (test data excluded) may be at most 40% of
+# Keeps the test suite lean: the lines under tests/ (its data included) may be at most 40% of
 # the lines of src/, include/ and tools/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-lines() { find "$@" -type f -not -path 'tests/data/*' -print0 | xargs -0 cat | wc -l; }
+lines() { find "$@" -type f -print0 | xargs -0 cat | wc -l; }
 tests=$(lines tests)
 code=$(lines src include tools)
 percent=$((100 * tests / code))

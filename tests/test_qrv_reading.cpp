@@ -70,11 +70,10 @@ TEST(QrvReading, DamagedFiles) {
     } cases[] = {
         {"empty", 0, 0, 0, 0, false, false}, {"3 bytes", 3, 0, 0, 0, false, false},
         {"no index", builder.records.size(), 0, 0, 0, false, false}, {"intact", whole.size(), 0, 0, 0, true, true},
-        {"count 0", whole.size(), count, 0, 4, false, false}, {"count 1000", whole.size(), count, 1000, 4, false, false},
+        {"count 0", whole.size(), count, 0, 4, false, false},
         {"count 2^32-1", whole.size(), count, 0xFFFFFFFF, 4, false, false},
         {"count 7: metadata read as entries", whole.size(), count, 7, 4, true, false},
         {"offset 2^63", whole.size(), entry2, 1ull << 63, 8, true, false},
-        {"offset 2^64-1", whole.size(), entry2, ~0ull, 8, true, false},
         {"offset 100", whole.size(), entry2, 100, 8, true, true},
         {"offset 0", whole.size(), entry2, 0, 8, true, true},
         {"offset of entry 4", whole.size(), entry2, builder.recordOffset(4), 8, true, true},
