@@ -3,13 +3,14 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <vector>
 
 // Runs work(first, end) over contiguous parts of [0, count), each of at least `minimum` items,
 // at most one part per hardware thread; the calling thread takes the first part. A part whose
-// thread cannot be started runs on the calling thread.
+// thread cannot be started (no thread or no memory for one) runs on the calling thread, so no
+// started thread is ever left unjoined.
 template <class Work>
 void splitOverThreads(size_t count, size_t minimum, const Work& work) {
     const size_t threads = std::clamp<size_t>(count / std::max<size_t>(minimum, 1), 1,
@@ -20,7 +21,7 @@ void splitOverThreads(size_t count, size_t minimum, const Work& work) {
     for (size_t part = 1; part < threads; ++part) {
         try {
             helpers.emplace_back(work, bound(part), bound(part + 1));
-        } catch (const std::system_error&) {
+        } catch (const std::exception&) {  // std::system_error or std::bad_alloc, from the constructor only
             work(bound(part), bound(part + 1));
         }
     }
