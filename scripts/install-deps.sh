@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the main job need (only the missing ones).
 set -euo pipefail
-packages=(cmake g++ pkg-config make libffmpeg-nvenc-dev libde265-dev libx265-dev libpng-dev
+packages=(cmake g++ pkg-config make libffmpeg-nvenc-dev libde265-dev libx265-dev zlib1g-dev libpng-dev
           libgtest-dev libgmock-dev libavcodec-dev libbenchmark-dev x265 ffmpeg binutils python3
           dpkg-dev pybind11-dev python3-numpy python3-pytest)
 missing=()
