@@ -147,6 +147,8 @@ private:
     int32_t nextSample = -1;       // the record after the last one decoded
 };
 
+PyObject* frameNotStoredWarning = nullptr;  // zoqrv.FrameNotStoredWarning, made at import
+
 // Records through the C interface. ZOQRV_ENCODER is set to "auto" unless the caller chose.
 class Recorder {
 public:
@@ -171,7 +173,9 @@ public:
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
-    void write(const py::array& frame, uint64_t timestamp, std::optional<py::array_t<uint32_t>> metadata) {
+    // True when the frame was stored; otherwise a FrameNotStoredWarning with the frame's number
+    // (counting write calls from 0) and the library's text.
+    bool write(const py::array& frame, uint64_t timestamp, std::optional<py::array_t<uint32_t>> metadata) {
         if (!file) throw std::runtime_error("the recorder is closed");
         const py::array expected = emptyFrame(kind, width, height);
         if (!frame.dtype().equal(expected.dtype()) || frame.ndim() != expected.ndim() ||
@@ -186,11 +190,26 @@ public:
                 throw py::value_error("metadata is at most 64 uint32 words");
             for (py::ssize_t i = 0; i < metadata->size(); ++i) words[i] = metadata->at(i);
         }
-        uint64_t bytes = 0;
-        if (ZOHW_Encode_And_Store(pipe.get(), file.get(), &bytes, data.data(), packing::tightPitch(kind, width),
-                                  timestamp, words, int32_t(kMetadataWords)) != 0)
-            throw std::runtime_error(std::string("the frame did not encode: ") + ZOHW_GetError(pipe.get()));
+        const uint64_t number = writeCalls++;
+        std::string failure;
+        try {
+            uint64_t bytes = 0;
+            if (ZOHW_Encode_And_Store(pipe.get(), file.get(), &bytes, data.data(), packing::tightPitch(kind, width),
+                                      timestamp, words, int32_t(kMetadataWords)) == 0)
+                return true;
+            failure = ZOHW_GetError(pipe.get());
+        } catch (const Exception& e) {
+            failure = e.message();
+        }
+        // A frame lost is told, and the recording goes on: hours of frames behind it stay usable.
+        ++notStored;
+        const std::string text = "frame " + std::to_string(number) + " not stored: " +
+                                 (failure.empty() ? "the encoder gave no bytes" : failure);
+        if (PyErr_WarnEx(frameNotStoredWarning, text.c_str(), 1) != 0) throw py::error_already_set();
+        return false;
     }
+
+    uint64_t framesNotStored() const { return notStored; }
 
     void close() {
         if (!file) return;
@@ -203,6 +222,7 @@ private:
     uint32_t kind, width, height;
     std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe;
     File file;
+    uint64_t writeCalls = 0, notStored = 0;
 };
 
 }  // namespace
@@ -216,6 +236,12 @@ PYBIND11_MODULE(zoqrv, m) {
             PyErr_SetString(PyExc_RuntimeError, e.message().c_str());
         }
     });
+
+    frameNotStoredWarning = PyErr_NewExceptionWithDoc(
+        "zoqrv.FrameNotStoredWarning", "A frame that Recorder.write could not encode or store; the recording goes on.",
+        PyExc_RuntimeWarning, nullptr);
+    if (!frameNotStoredWarning) throw py::error_already_set();
+    m.attr("FrameNotStoredWarning") = py::handle(frameNotStoredWarning);
 
     py::class_<Recording>(m, "Recording")
         .def("__len__", &Recording::size)
@@ -239,6 +265,7 @@ PYBIND11_MODULE(zoqrv, m) {
              py::arg("bitrate") = 8000000)
         .def("write", &Recorder::write, py::arg("frame"), py::arg("timestamp"), py::arg("metadata") = py::none())
         .def("close", &Recorder::close)
+        .def_property_readonly("frames_not_stored", &Recorder::framesNotStored)
         .def("__enter__", [](Recorder& r) -> Recorder& { return r; }, py::return_value_policy::reference)
         .def("__exit__", [](Recorder& r, py::args) { r.close(); });
 }
