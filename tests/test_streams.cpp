@@ -2,6 +2,9 @@
 // the zoqrv tool run as a user runs it.
 #include <gtest/gtest.h>
 
+#include <sys/ioctl.h>
+
+#include <csignal>
 #include <sstream>
 
 #include "container/annexb.h"
@@ -96,10 +99,12 @@ TEST(AnnexB, DetectionNeedsValidHeadersOfOneCodecAndAllItsParameterSets) {
     for (const auto& [bytes, codec] : cases) EXPECT_EQ(annexBDetectCodec(bytes.data(), bytes.size()), codec) << bytes.size();
 }
 
-// Inputs that are not what the command reads fail with one line on stderr (status 1); wrong arguments
-// give the usage (status 2).
+// Inputs that are not what the command reads fail with one line on stderr (status 1) that says why;
+// wrong arguments give the usage (status 2). A recording replaces no existing file without --force,
+// and its input (here through a hard link) never.
 TEST(Tool, RejectsBadInputsAndArguments) {
     const std::string dir = makeTestDirectory(), text = dir + "/text.txt", damaged = dir + "/damaged.qrv";
+    const std::string record = "record --kind u8 --size 8x8 --fps 5 ";
     QrvBuilder builder;
     builder.add(1, 0, kKeyFrameType, {0, 0, 1, 0x40, 0x01});
     builder.add(2, 0, 1, Bytes(100, 7));
@@ -107,14 +112,52 @@ TEST(Tool, RejectsBadInputsAndArguments) {
     putLittleEndian(bytes, builder.recordOffset(1) + 16, 0xFFFFFFF0u, 4);  // a payload past the end
     for (const auto& [path, contents] : {std::pair{text, Bytes(50, 'x')}, {damaged, bytes}})
         fwrite(contents.data(), 1, contents.size(), TestFile(fopen(path.c_str(), "wb")).get());
-    const std::pair<std::string, int> cases[] = {
+    ASSERT_EQ(link(text.c_str(), (dir + "/link").c_str()), 0);
+    const struct { std::string arguments; int status; const char* says = ""; } cases[] = {
         {"import '" + text + "' '" + dir + "/x.qrv'", 1}, {"info '" + dir + "/none'", 1},
         {"export '" + damaged + "' '" + dir + "/x.bin'", 1}, {"", 2}, {"import only-one", 2}, {"import a b --fps 0", 2},
-        {"info a --bogus", 2}};
-    for (const auto& [arguments, status] : cases) {
-        const ToolRun run = zoqrv(dir, arguments);
-        EXPECT_EQ(std::make_tuple(run.status, run.out), std::make_tuple(status, std::string())) << arguments;
-        if (status == 1) EXPECT_TRUE(run.err.rfind("zoqrv: ", 0) == 0 && run.err.find('\n') + 1 == run.err.size()) << run.err;
-        else EXPECT_NE(run.err.find("usage: zoqrv"), std::string::npos) << arguments;
+        {"info a --bogus", 2}, {record + "'" + text + "' '" + damaged + "'", 1, "exists: give --force"},
+        {record + "--force '" + dir + "/link' '" + text + "'", 1, "is the input"},
+        {record + "--force '" + text + "' < '" + dir + "/link'", 1, "is the input (standard input)"},
+        {record + "--lossless --bitrate 9 x.qrv", 2}, {record + "--sync-every -1 x.qrv", 2}};
+    for (const auto& c : cases) {
+        const ToolRun run = zoqrv(dir, c.arguments);
+        EXPECT_EQ(std::make_tuple(run.status, run.out), std::make_tuple(c.status, std::string())) << c.arguments;
+        if (c.status == 1) {
+            EXPECT_TRUE(run.err.rfind("zoqrv: ", 0) == 0 && run.err.find('\n') + 1 == run.err.size()) << run.err;
+        }
+        EXPECT_NE(run.err.find(c.status == 1 ? c.says : "usage: zoqrv"), std::string::npos) << run.err;
+    }
+    EXPECT_EQ(std::make_pair(readFile(text), readFile(damaged)), std::make_pair(Bytes(50, 'x'), bytes));
+}
+
+// u16 depth fed through a pipe that stays open after the last frame, so zoqrv record waits for more
+// until the signal (none: the pipe closes): every frame comes back bit for bit through zoqrv extract
+// and ffmpeg, lossless without being asked, and the status tells how it ended.
+TEST(Tool, RecordKeepsEveryFrameWhenStopped) {
+    const std::string dir = makeTestDirectory(), qrv = dir + "/r.qrv";
+    const size_t width = 320, height = 240, frames = 4;
+    const Bytes noise = randomBytes(width * height * frames, 3);
+    Bytes raw;
+    for (size_t i = 0; i < noise.size(); ++i)
+        putLittleEndian(raw, 2 * i, (i % width * 5 + i / width * 3) * 16 + (noise[i] & 15), 2);  // moves 3 a frame
+    const struct { const char* options; int signal, status; } cases[] = {
+        {"", 0, 0}, {"--sync-every 0", SIGINT, 130}, {"", SIGTERM, 143}};
+    for (const auto& c : cases) {
+        std::filesystem::remove_all(dir + "/png");
+        std::filesystem::remove(qrv);
+        FILE* feed = popen(("echo $$ >'" + dir + "/pid'; exec '" ZOQRV_BINARY_DIR "/tools/zoqrv' record --kind u16 "
+                            "--size 320x240 --fps 30 " + c.options + " '" + qrv + "' >/dev/null 2>'" + dir + "/err'").c_str(), "w");
+        ASSERT_TRUE(feed && fwrite(raw.data(), 1, raw.size(), feed) == raw.size() && fflush(feed) == 0);
+        for (int queued = 1; c.signal && ioctl(fileno(feed), FIONREAD, &queued) == 0 && queued > 0;) usleep(10000);
+        const Bytes pid = readFile(dir + "/pid");
+        if (c.signal) kill(pid_t(std::stol(std::string(pid.begin(), pid.end()))), c.signal);
+        const int status = pclose(feed);
+        const Bytes err = readFile(dir + "/err");
+        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, c.status) << std::string(err.begin(), err.end());
+        ASSERT_EQ(zoqrv(dir, "extract '" + qrv + "' --out '" + dir + "/png'").status, 0);
+        ASSERT_EQ(runCommand("ffmpeg -nostdin -v error -y -i '" + dir + "/png/frame_%06d.png' -f rawvideo -pix_fmt gray16le '" +
+                             dir + "/back.raw'"), 0);
+        EXPECT_TRUE(readFile(dir + "/back.raw") == raw) << c.options << c.signal;
     }
 }

@@ -172,6 +172,12 @@ enum class Input { Frame, End, Stopped, Failed };
 
 // Reads one whole frame; `got` tells how much of it came when it did not.
 Input readFrame(int fd, std::vector<uint8_t>& frame, size_t& got, const sigset_t& waiting) {
+    // A signal that came during the last encode is taken here: ppoll returns at once, without
+    // taking it, when input (or its end) is ready.
+    sigset_t blocked;
+    sigprocmask(SIG_SETMASK, &waiting, &blocked);
+    sigprocmask(SIG_SETMASK, &blocked, nullptr);
+    if (stopSignal) return Input::Stopped;
     for (got = 0; got < frame.size();) {
         pollfd ready{fd, POLLIN, 0};
         if (ppoll(&ready, 1, nullptr, &waiting) < 0) {
