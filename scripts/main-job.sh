@@ -2,7 +2,7 @@
 # The main job on a fresh machine: installs what is missing, builds, then records two synthetic
 # sequences through the library's C interface (zoqrv record; NVENC where there is one, libx265
 # elsewhere) and plays them back through the software decoder (zoqrv extract):
-#   - 16-bit depth, 640x480, lossless: checked to come back bit for bit;
+#   - 16-bit depth, 640x480, lossless (the default for data kinds): checked to come back bit for bit;
 #   - a colour test picture (BGRA), 640x480, CBR at 4 Mbit/s: its PSNR is printed.
 # The played-back frames are left as PNGs under out/.
 #
@@ -24,7 +24,7 @@ rm -rf out/depth out/colour
 # Depth in millimetres: a tilted floor 1-4 m away with a wave running over it.
 "${ff[@]}" -f lavfi -i "color=black:size=640x480:rate=30,format=gray16le" -frames:v 60 \
   -vf "geq=lum='1000+4*Y+300*sin(X/40+N/5)'" -f rawvideo -pix_fmt gray16le out/depth.raw
-"$zoqrv" record --kind u16 --size 640x480 --fps 30 --lossless out/depth.qrv out/depth.raw
+"$zoqrv" record --kind u16 --size 640x480 --fps 30 --force out/depth.qrv out/depth.raw
 "$zoqrv" info out/depth.qrv
 "$zoqrv" extract out/depth.qrv --out out/depth >/dev/null
 "${ff[@]}" -i out/depth/frame_%06d.png -f rawvideo -pix_fmt gray16le out/depth.back
@@ -36,7 +36,7 @@ else
 fi
 
 "${ff[@]}" -f lavfi -i testsrc2=size=640x480:rate=30 -frames:v 60 -f rawvideo -pix_fmt bgra out/colour.raw
-"$zoqrv" record --kind bgra --size 640x480 --fps 30 --bitrate 4000000 out/colour.qrv out/colour.raw
+"$zoqrv" record --kind bgra --size 640x480 --fps 30 --bitrate 4000000 --force out/colour.qrv out/colour.raw
 "$zoqrv" extract out/colour.qrv --out out/colour >/dev/null
 psnr=$("${ff[@]}" -loglevel info -f rawvideo -pix_fmt bgra -s 640x480 -i out/colour.raw -i out/colour/frame_%06d.png \
   -lavfi "[0]format=rgb24[a];[1]format=rgb24[b];[a][b]psnr" -f null - 2>&1 | grep -o 'average:[0-9.inf]*')
