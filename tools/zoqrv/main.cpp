@@ -17,7 +17,7 @@ const Command kCommands[] = {
     {"info", runInfo, "info FILE [--records] [--metadata S]   frame count, records, key frames, codec"},
     {"import", runImport, "import STREAM FILE [--fps F] [--header BYTES]   wrap an H.264/HEVC Annex-B stream"},
     {"export", runExport, "export FILE STREAM   write the records' payloads as an elementary stream"},
-    {"record", runRecord, "record --kind K --size WxH --fps N [--lossless] [--bitrate B] OUT.qrv [IN]   encode raw frames (HEVC)"},
+    {"record", runRecord, "record --kind K --size WxH --fps N [--lossless | --lossy | --bitrate B] [--sync-every S] [--force] OUT.qrv [IN]   encode raw frames (HEVC; data kinds lossless unless --lossy)"},
     {"extract", runExtract, "extract FILE --out DIR [--from S] [--count K] [--as KIND] [--max-size WxH]   decode HEVC records to PNG (or .bin) files"},
 };
 
