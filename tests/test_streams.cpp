@@ -143,6 +143,7 @@ TEST(Tool, RecordKeepsEveryFrameWhenStopped) {
         putLittleEndian(raw, 2 * i, (i % width * 5 + i / width * 3) * 16 + (noise[i] & 15), 2);  // moves 3 a frame
     const struct { const char* options; int signal, status; } cases[] = {
         {"", 0, 0}, {"--sync-every 0", SIGINT, 130}, {"", SIGTERM, 143}};
+    signal(SIGPIPE, SIG_IGN);  // a tool that ends early fails the write, not the test program
     for (const auto& c : cases) {
         std::filesystem::remove_all(dir + "/png");
         std::filesystem::remove(qrv);
