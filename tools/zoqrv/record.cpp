@@ -282,12 +282,13 @@ int runRecord(const Arguments& args) {
     // Every frame recorded so far stays in a valid file, whatever ended the input.
     ZOHW_CloseQRVContainer(pipe.get(), out.get());
     if (options.syncEvery >= 0) sync();
-    if (ferror(out.get()) || fclose(out.release()) != 0) return fail("cannot write " + options.output);
+    const bool written = !ferror(out.get()) && fclose(out.release()) == 0;
     const uint32_t lost = frames - stored;
     printf("%u frames, %" PRIu64 " bytes, encoder %s, %s, %.1f frames/s\n", stored, bytes, encoderName(pipe.get()),
            coding.c_str(), seconds > 0 ? stored / seconds : 0.0);
     if (lost > 0) fail(std::to_string(lost) + " of " + std::to_string(frames) + " frames not stored");
     if (!problem.empty()) fail(problem + "; the " + std::to_string(stored) + " frames stored before it are kept");
+    if (!written) return fail("cannot write " + options.output);
     if (stopSignal) {
         fail(std::string("stopped by ") + (stopSignal == SIGINT ? "SIGINT" : "SIGTERM") + ": " +
              std::to_string(stored) + " frames kept");
