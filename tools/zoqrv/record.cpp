@@ -226,6 +226,7 @@ int runRecord(const Arguments& args) {
     File out = createOutput(options, inputFd, refusal);
     if (!out) return fail(refusal);
     const sigset_t waiting = catchStopSignals();
+    signal(SIGXFSZ, SIG_IGN);  // a file size limit fails the frames that pass it, not the recording
 
     setenv("ZOQRV_ENCODER", "auto", 0);  // the user's own choice stands
     const bool lossless = isLossless(options);
@@ -280,9 +281,9 @@ int runRecord(const Arguments& args) {
     if (terminal) fprintf(stderr, "\r\033[K");
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     // Every frame recorded so far stays in a valid file, whatever ended the input.
-    ZOHW_CloseQRVContainer(pipe.get(), out.get());
+    const bool indexed = ZOHW_CloseQRVContainer(pipe.get(), out.get()) == 0;
     if (options.syncEvery >= 0) sync();
-    const bool written = !ferror(out.get()) && fclose(out.release()) == 0;
+    const bool written = indexed && !ferror(out.get()) && fclose(out.release()) == 0;
     const uint32_t lost = frames - stored;
     printf("%u frames, %" PRIu64 " bytes, encoder %s, %s, %.1f frames/s\n", stored, bytes, encoderName(pipe.get()),
            coding.c_str(), seconds > 0 ? stored / seconds : 0.0);
