@@ -7,6 +7,7 @@
 
 #include "NVCompression/NvCodec/DriverApi.h"
 #include "api/pipe.h"
+#include "device/device_api.h"
 #include "support/fake_nvenc.h"
 #include "support.h"
 
@@ -97,17 +98,20 @@ TEST(EncCapabilities, ProbeAgainstFakeDrivers) {
     cuda.cuDeviceGet = [](CUdevice* device, int ordinal) { return *device = ordinal, CUDA_SUCCESS; };
     cuda.cuCtxCreate = [](CUcontext* c, unsigned int, CUdevice) { return *c = CUcontext(&destroyResult), CUDA_SUCCESS; };
     cuda.cuCtxDestroy = [](CUcontext c) { return c == CUcontext(&destroyResult) ? destroyResult : CUresult(999); };
-    // The driver's interface version, HEVC, whether NVENC loads; the H.264 and HEVC flags expected.
-    const std::tuple<uint32_t, bool, bool, uint32_t, uint32_t> cases[] = {
-        {0x81, false, true, 1, 0}, {0xB1, true, true, 1, 1},
-        {0x80, true, true, 0, 0},    // a driver older than NVENC 8.1
-        {0xB1, true, false, 0, 0}};  // no NVENC
-    for (const auto& [version, hevc, loads, h264Flag, hevcFlag] : cases) {
-        SCOPED_TRACE(testing::Message() << version << " " << hevc << " " << loads);
+    device::ScopedApi hostRuntime(device::hostApi());
+    // The driver's interface version, HEVC, a failing NVENC entry; the H.264 and HEVC flags expected.
+    const std::tuple<uint32_t, bool, const char*, uint32_t, uint32_t> cases[] = {
+        {0x81, false, "", 1, 0}, {0xB1, true, "", 1, 1},
+        {0x80, true, "", 0, 0},                          // a driver older than NVENC 8.1
+        {0xB1, true, "nvEncOpenEncodeSessionEx", 0, 0},  // no encoder: its failed session is destroyed too
+        {0xB1, true, "load", 0, 0}};                     // no NVENC
+    for (const auto& [version, hevc, failing, h264Flag, hevcFlag] : cases) {
+        SCOPED_TRACE(testing::Message() << version << " " << hevc << " " << failing);
+        const bool loads = std::string(failing) != "load";
         FakeNvenc& fake = fakeNvenc() = FakeNvenc{};
         fake.maxVersion = version;
         fake.hevc = hevc;
-        if (!loads) fake.failing["load"] = NV_ENC_ERR_NO_ENCODE_DEVICE;
+        fake.failing[failing] = NV_ENC_ERR_NO_ENCODE_DEVICE;
         DriverApi api = fake.driverApi();
         api.cuda = &cuda;
         ScopedDriverApi scoped(api);

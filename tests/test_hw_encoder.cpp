@@ -86,49 +86,83 @@ TEST_F(Encoding, SessionsCarryTheSettingsOfTheirCodecModeAndDriver) {
             EXPECT_EQ(rc.constQP.qpIntra, 18u);  // the preset's, untouched
         } else {
             EXPECT_EQ(rc.rateControlMode, s.legacyPresets ? NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ : NV_ENC_PARAMS_RC_CBR);
+            // The newer interface pairs CBR with what CBR_LOWDELAY_HQ did: two passes, small key frames.
             EXPECT_EQ(std::vector<uint32_t>({rc.averageBitRate, rc.maxBitRate, rc.vbvBufferSize, rc.vbvInitialDelay,
-                                             rc.constQP.qpInterP}),
-                      std::vector<uint32_t>({4000000, 4000000, 133333, 133333, 28}));
+                                             rc.constQP.qpInterP, rc.multiPass, rc.lowDelayKeyFrameScale}),
+                      std::vector<uint32_t>({4000000, 4000000, 133333, 133333, 28,
+                                             s.legacyPresets ? 0u : NV_ENC_TWO_PASS_QUARTER_RESOLUTION, !s.legacyPresets}));
         }
         ASSERT_TRUE(HwEncoder(packing::kUint8, s.codec, s.lossless, 4000000, 64, 48, 30).isReady());
         EXPECT_EQ(fake.calls["nvEncGetEncodePresetConfig"], s.legacyPresets ? 2u : 1u) << "new drivers: asked once";
     }
 }
 
-// Drivers, set-ups and failing driver or device calls leave the hardware encoder not ready, and
-// the session class takes down everything it held; a refused preset query or initialisation on
-// the legacy interface is tried again through the newest one, a failure after initialisation is not.
+// Drivers, set-ups, refused sizes and failing driver or device calls leave the hardware encoder
+// not ready, print the driver's reason, and the session class takes down everything it held (a
+// session whose open failed included); a refused preset query or initialisation on the legacy
+// interface is tried again through the newest one, a failure after initialisation is not.
 TEST_F(Encoding, SetUpsThatFailLeaveNothingBehind) {
     const struct {
         const char* failingEntry;
-        uint32_t maxVersion, codec, lossless, frameRate;
+        uint32_t maxVersion, codec, lossless, frameRate, height;
         bool legacyPresets, hevc, ready;
         size_t initialisations;
+        const char* printed;
     } cases[] = {
-        {"", 0x80, 0, 1, 30, true, true, false, 0},   // older than 8.1
-        {"", 0x81, 0, 1, 30, false, true, false, 0},  // 8.1 only, no legacy presets
-        {"", 0xB1, 1, 1, 30, true, false, false, 0},  // no HEVC encoder
-        {"", 0xB1, 2, 1, 30, true, true, false, 0},   // unknown codec
-        {"", 0xB1, 0, 0, 0, true, true, false, 0},    // low latency at 0 frames a second
-        {"load", 0xB1, 0, 1, 30, true, true, false, 0},
-        {"nvEncOpenEncodeSessionEx", 0xB1, 0, 1, 30, true, true, false, 0},
-        {"nvEncGetEncodePresetConfig", 0xB1, 0, 1, 30, true, true, true, 1},
-        {"nvEncInitializeEncoder", 0xB1, 0, 1, 30, true, true, false, 2},
-        {"nvEncRegisterResource", 0xB1, 0, 1, 30, true, true, false, 1},
+        {"", 0x80, 0, 1, 30, 8, true, true, false, 0, "does not support this NvEncodeAPI version"},
+        {"", 0x81, 0, 1, 30, 8, false, true, false, 0, "does not support this NvEncodeAPI version"},
+        {"", 0xB1, 1, 1, 30, 8, true, false, false, 0, ""},  // no HEVC encoder
+        {"", 0xB1, 2, 1, 30, 8, true, true, false, 0, ""},   // unknown codec
+        {"", 0xB1, 0, 0, 0, 8, true, true, false, 0, ""},    // low latency at 0 frames a second
+        {"", 0xB1, 0, 1, 30, 2, true, true, false, 2, "nvEncInitializeEncoder(m_hEncoder, &m_initializeParams) returned error 8"},
+        {"", 0xB1, 0, 1, 30, 7, true, true, false, 1, "nvEncRegisterResource(m_hEncoder, &registerResource) returned error 8"},
+        {"load", 0xB1, 0, 1, 30, 8, true, true, false, 0, "NVENC library file is not found"},
+        {"nvEncOpenEncodeSessionEx", 0xB1, 0, 1, 30, 8, true, true, false, 0, "nvEncOpenEncodeSessionEx(&encodeSessionExParams, &hEncoder) returned error 10"},
+        {"nvEncGetEncodePresetConfig", 0xB1, 0, 1, 30, 8, true, true, true, 1, ""},
+        {"nvEncInitializeEncoder", 0xB1, 0, 1, 30, 8, true, true, false, 2, "m_nvenc.nvEncInitializeEncoder(m_hEncoder, &m_initializeParams) returned error 10"},
+        {"nvEncRegisterResource", 0xB1, 0, 1, 30, 8, true, true, false, 1, "registerResource) returned error 10"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.failingEntry << " " << c.maxVersion << " codec " << c.codec);
+        SCOPED_TRACE(testing::Message() << c.failingEntry << " " << c.maxVersion << " codec " << c.codec << " height " << c.height);
         renew().failing = {{c.failingEntry, NV_ENC_ERR_OUT_OF_MEMORY}};
         fake.maxVersion = c.maxVersion;
         fake.legacyPresets = c.legacyPresets;
         fake.hevc = c.hevc;
-        HwEncoder encoder(packing::kUint32, c.codec, c.lossless, 1000000, 16, 8, c.frameRate);
+        testing::internal::CaptureStdout();
+        HwEncoder encoder(packing::kUint32, c.codec, c.lossless, 1000000, 16, c.height, c.frameRate);
+        const std::string printed = testing::internal::GetCapturedStdout();
         EXPECT_EQ(encoder.isReady(), c.ready);
         EXPECT_EQ(fake.calls["nvEncInitializeEncoder"], c.initialisations);
+        EXPECT_TRUE(*c.printed ? printed.find(c.printed) != std::string::npos : printed.empty()) << printed;
         // A frame then finds no session, never one that failed before it had input frames.
         uint32_t type = 0;
-        EXPECT_TRUE(c.ready || (encoder.encode(DeviceBuffer(Bytes(16 * 4 * 8)).get(), 64, 16, 8, &type, false) == 0 &&
+        EXPECT_TRUE(c.ready || (encoder.encode(DeviceBuffer(Bytes(16 * 4 * 8)).get(), 64, 16, c.height, &type, false) == 0 &&
                                 type == NV_ENC_PIC_TYPE_UNKNOWN));
+    }
+}
+
+// A picture the driver holds back yields nothing and is not locked before the driver finished it;
+// teardown flushes it out. Encoding and teardown leave the host's own context current, also when
+// pushing the session's fails.
+TEST_F(Encoding, HeldPicturesAndTheHostsContextAreLeftAlone) {
+    for (bool pushFails : {false, true}) {
+        SCOPED_TRACE(pushFails);
+        renew().heldBack = {0};
+        int hostContext = 0;
+        auto encoder = std::make_unique<HwEncoder>(packing::kUint8, 0, 1, 1000000, 16, 8, 30);
+        device::api().pushContext(CUcontext(&hostContext));
+        DeviceBuffer image(Bytes(16 * 8));
+        uint32_t type = 7;
+        for (int step = 0; step < 2; ++step) {
+            if (pushFails) device::hostDevice().failNext(device::HostCall::PushContext);
+            if (step == 0) EXPECT_EQ(encoder->encode(image.get(), 16, 16, 8, &type, false), 0u);
+            else encoder.reset();
+            CUcontext current = nullptr;
+            device::api().getCurrentContext(&current);
+            EXPECT_EQ(current, CUcontext(&hostContext));
+        }
+        EXPECT_EQ(type, pushFails ? uint32_t(NV_ENC_PIC_TYPE_UNKNOWN) : 0u);
+        device::api().popContext();
     }
 }
 
@@ -202,6 +236,8 @@ TEST_F(Encoding, ForcedIntraOverflowAndDriverFailuresReachTheCaller) {
             if (*entry) { EXPECT_EQ(e.message().substr(e.message().size() - 2), "\n)"); }
         }
         fake.failing.clear();
+        // The failed picture left nothing mapped for the next one.
+        EXPECT_TRUE(!fresh || fresh->encode(image.get(), 16, 16, 8, &type, false) > 0);
     }
 }
 

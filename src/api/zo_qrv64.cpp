@@ -14,6 +14,7 @@
 #include "api/codec_object.h"
 #include "api/pipe.h"
 #include "codec/Exception.h"
+#include "device/device_api.h"
 
 extern "C" ZOHW_API const uint32_t NvOptimusEnablementCuda = 1;
 
@@ -261,14 +262,20 @@ ZOHW_API uint32_t ZOHW_GetEncCapabilities(uint32_t* h264Supported, uint32_t* hev
     // Results of the set-up are not checked: a failed one shows as no encoder and as
     // the result of the context destruction.
     api.cuda->cuInit(0);
+    // The host's runtime device is put back afterwards. A runtime too new for the driver could
+    // not run the encoder's kernels, so it means no encoder at all.
+    int hostDevice = 0;
+    const bool hostHasDevice = cudaGetDevice(&hostDevice) == cudaSuccess;
     cudaSetDevice(0);
+    const bool runtimeWorks = device::api().synchronize() != cudaErrorInsufficientDriver;
     CUdevice device = 0;
     api.cuda->cuDeviceGet(&device, 0);
     CUcontext context = nullptr;
     api.cuda->cuCtxCreate(&context, 0, device);
     const EncoderCapabilities caps = probeEncoderCapabilities(context);
-    *h264Supported = caps.h264 ? 1 : 0;
-    *hevcSupported = caps.hevc ? 1 : 0;
+    *h264Supported = runtimeWorks && caps.h264 ? 1 : 0;
+    *hevcSupported = runtimeWorks && caps.hevc ? 1 : 0;
+    if (hostHasDevice) cudaSetDevice(hostDevice);
     return api.cuda->cuCtxDestroy(context);
 }
 

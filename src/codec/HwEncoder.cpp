@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <iostream>
 #include <new>
 #include <string>
 
@@ -28,7 +29,10 @@ HwEncoder::HwEncoder(uint32_t dataFormat_, uint32_t codec_, uint32_t lossless_, 
 }
 
 HwEncoder::~HwEncoder() {
-    device::api().free(staging.ptr);
+    const device::Api& api = device::api();
+    // The session's memory is freed in the session's context, whatever the host has current.
+    device::PushedContext pushed(context && api.pushContext(context) == 0);
+    api.free(staging.ptr);
     encoder.reset();
 }
 
@@ -53,23 +57,33 @@ bool HwEncoder::setUpSession(uint32_t width, uint32_t height) {
 
     // The legacy presets come first; drivers that refuse them (from the 590 series on) are
     // asked again through the newest interface, and the process remembers which one worked.
+    std::string failure;
     if (interfaceChoice != InterfaceChoice::Newest) {
-        const SessionResult legacy = createSession(kNvEncInterface8_1, width, height);
+        const SessionResult legacy = createSession(kNvEncInterface8_1, width, height, failure);
         if (legacy == SessionResult::Created) interfaceChoice = InterfaceChoice::Legacy;
         if (legacy != SessionResult::PresetsRefused || interfaceChoice == InterfaceChoice::Legacy)
-            return legacy == SessionResult::Created;
+            return legacy == SessionResult::Created || printSetUpFailure(failure);
     }
-    if (createSession(kNvEncInterfaceNewest, width, height) != SessionResult::Created) return false;
+    if (createSession(kNvEncInterfaceNewest, width, height, failure) != SessionResult::Created)
+        return printSetUpFailure(failure);
     interfaceChoice = InterfaceChoice::Newest;
     return true;
 }
 
+// The host's text for a failed creation is the library-wide one; the driver's reason goes to
+// standard output, as the decoder's set-up failures do.
+bool HwEncoder::printSetUpFailure(const std::string& failure) {
+    if (!failure.empty()) std::cout << "Failed to create encoder (" << failure << ")" << std::endl;
+    return false;
+}
+
 HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInterface, uint32_t width,
-                                                  uint32_t height) {
+                                                  uint32_t height, std::string& failure) {
     encoder.reset();
     try {
         encoder.reset(new NvEncoderCuda(context, width, height, bufferFormat(dataFormat), 0, false, nvencInterface));
-    } catch (const NVENCException&) {
+    } catch (const NVENCException& e) {
+        failure = e.what();
         return SessionResult::Failed;
     }
     if (codec > 1) return SessionResult::Failed;
@@ -82,8 +96,8 @@ HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInt
 
     NV_ENC_CONFIG config = {};
     NV_ENC_INITIALIZE_PARAMS params = {};
-    config.version = nvencInterface.extendedStructVersion(7);
-    params.version = nvencInterface.extendedStructVersion(5);
+    config.version = nvencInterface.config;
+    params.version = nvencInterface.initializeParams;
     params.encodeConfig = &config;
     try {
         encoder->CreateDefaultEncoderParams(&params, codecGuid, presetGuid, gopLength, tuningInfo);
@@ -93,24 +107,35 @@ HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInt
         params.frameRateDen = 1;
         params.enablePTD = 1;
         config.gopLength = gopLength;
-        config.encodeCodecConfig.h264Config.idrPeriod = gopLength;
-        config.encodeCodecConfig.hevcConfig.idrPeriod = gopLength;
+        // The codec settings share their memory: only the session's codec is written, as the
+        // other's IDR period lands on this one's minimum CU size or temporal layer count.
         // Every IDR carries its parameter sets, so a fresh decoder can start at any key frame.
-        if (codec == 0) config.encodeCodecConfig.h264Config.repeatSPSPPS = 1;
-        else config.encodeCodecConfig.hevcConfig.repeatSPSPPS = 1;
+        if (codec == 0) {
+            config.encodeCodecConfig.h264Config.idrPeriod = gopLength;
+            config.encodeCodecConfig.h264Config.repeatSPSPPS = 1;
+        } else {
+            config.encodeCodecConfig.hevcConfig.idrPeriod = gopLength;
+            config.encodeCodecConfig.hevcConfig.repeatSPSPPS = 1;
+        }
         if (lossless != 1) {
-            // CBR_LOWDELAY_HQ went with the legacy presets; the newer interface's low-latency
-            // tuning with plain CBR stands in for it.
+            // CBR_LOWDELAY_HQ went with the legacy presets; on the newer interface CBR with the
+            // low-latency tuning takes the settings the header pairs with it: two passes and key
+            // frames no larger than other frames, so they fit the one-frame VBV.
             config.rcParams.rateControlMode = legacy ? NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ : NV_ENC_PARAMS_RC_CBR;
+            if (!legacy) {
+                config.rcParams.multiPass = NV_ENC_TWO_PASS_QUARTER_RESOLUTION;
+                config.rcParams.lowDelayKeyFrameScale = 1;
+            }
             const uint32_t bitsPerSecond = static_cast<uint32_t>(bitrate);
             config.rcParams.averageBitRate = config.rcParams.maxBitRate = bitsPerSecond;
             config.rcParams.vbvBufferSize = config.rcParams.vbvInitialDelay = bitsPerSecond / frameRate;
         }
         encoder->CreateEncoder(&params);
-    } catch (const NVENCException&) {
+    } catch (const NVENCException& e) {
         // The preset query and the initialisation are where a driver refuses the legacy
         // presets; a failure after initialisation (ring set-up) is no refusal.
         const bool refused = legacy && !encoder->IsEncoderCreated();
+        failure = e.what();
         // A session that failed after initialisation has no input frames to hand out.
         encoder.reset();
         return refused ? SessionResult::PresetsRefused : SessionResult::Failed;
@@ -120,10 +145,13 @@ HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInt
 
 uint64_t HwEncoder::encode(const void* data, uint64_t pitch, uint32_t width, uint32_t height,
                            uint32_t* pictureType, bool forceIntra) {
-    device::api().setCurrentContext(context);
-    setUpSession(packing::pictureWidth(dataFormat, width), height);
+    // The session's context is pushed and popped, so the host's stays current; without it
+    // nothing can be encoded.
+    const bool pushed = device::api().pushContext(context) == 0;
+    device::PushedContext popAtReturn(pushed);
+    if (pushed) setUpSession(packing::pictureWidth(dataFormat, width), height);
     // Without a session for this geometry nothing comes out; the exported calls fail the frame.
-    if (!encoder || !encoder->IsEncoderCreated()) {
+    if (!pushed || !encoder || !encoder->IsEncoderCreated()) {
         *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
         return 0;
     }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "NVCompression/NvCodec/NvEncoder/NvEncoderCuda.h"
@@ -32,7 +33,10 @@ private:
     enum class SessionResult { Created, PresetsRefused, Failed };
 
     bool setUpSession(uint32_t width, uint32_t height);
-    SessionResult createSession(const NvEncInterface& nvencInterface, uint32_t width, uint32_t height);
+    // A failure leaves the driver's reason in `failure`.
+    SessionResult createSession(const NvEncInterface& nvencInterface, uint32_t width, uint32_t height,
+                                std::string& failure);
+    static bool printSetUpFailure(const std::string& failure);
     uint64_t collect(uint8_t* out, uint64_t capacity, uint32_t* pictureType, bool forceIntra);
 
     uint32_t dataFormat;

@@ -1,5 +1,6 @@
 #include "support/fake_nvenc.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "device/device_api.h"
@@ -16,8 +17,9 @@ struct Object {
 };
 struct Session {
     uint32_t api = 0, idrPeriod = 0, frames = 0;
-    bool initialized = false;
+    bool opened = false, initialized = false, flushed = false;
     std::map<void*, Object> objects;
+    std::vector<Object*> held;  // bitstream buffers of held-back pictures
 };
 std::map<void*, Session> sessions;
 uint32_t functionListApi = 0;
@@ -49,7 +51,8 @@ Object* mappedResource(Session& session, void* mapped) {
     if (fake().failing.count(name)) return fake().failing[name]
 #define SESSION_ENTRY(name, encoder)                                                                     \
     ENTRY(name);                                                                                         \
-    if (!sessions.count(encoder)) return breach("unknown session", NV_ENC_ERR_INVALID_ENCODERDEVICE); \
+    if (!sessions.count(encoder) || (!sessions[encoder].opened && std::string(name) != "nvEncDestroyEncoder")) \
+        return breach("unknown or unopened session", NV_ENC_ERR_INVALID_ENCODERDEVICE);              \
     Session& session = sessions[encoder]
 #define VERSION(word, n, extended)                              \
     if ((word) != nvencStructVersion(session.api, n, extended)) \
@@ -61,28 +64,34 @@ bool isLegacyPreset(const GUID& preset) {
            same(preset, NV_ENC_PRESET_LOSSLESS_DEFAULT_GUID) || same(preset, NV_ENC_PRESET_LOSSLESS_HP_GUID);
 }
 
-NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
+NVENCSTATUS open(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, Session& session) {
     ENTRY("nvEncOpenEncodeSessionEx");
-    Session session;
     session.api = params->apiVersion;
     if (session.api != functionListApi) return breach("session and function list versions differ");
     if ((((session.api & 0xFF) << 4) | (session.api >> 24)) > fake().maxVersion)
         return breach("interface newer than the driver", NV_ENC_ERR_INVALID_VERSION);
     VERSION(params->version, 1, false);
     if (params->deviceType != NV_ENC_DEVICE_TYPE_CUDA || !params->device) return breach("no CUDA context");
-    sessions[*encoder = newHandle()] = session;
+    session.opened = true;
     return NV_ENC_SUCCESS;
+}
+// A failed open hands back a session too, which the client must destroy.
+NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
+    Session& session = sessions[*encoder = newHandle()];
+    return open(params, session);
 }
 
 NVENCSTATUS NVENCAPI getCaps(void* encoder, GUID codec, NV_ENC_CAPS_PARAM* query, int* value) {
     SESSION_ENTRY("nvEncGetEncodeCaps", encoder);
     VERSION(query->version, 1, false);
-    *value = same(codec, NV_ENC_CODEC_HEVC_GUID) && !fake().hevc ? 0 : 4096;
+    const std::map<int, int> caps = {{NV_ENC_CAPS_WIDTH_MAX, 4096}, {NV_ENC_CAPS_WIDTH_MIN, int(fake().minWidth)},
+        {NV_ENC_CAPS_HEIGHT_MIN, int(fake().minHeight)}, {NV_ENC_CAPS_NUM_MAX_TEMPORAL_LAYERS, int(fake().maxTemporalLayers)}};
+    *value = same(codec, NV_ENC_CODEC_HEVC_GUID) && !fake().hevc ? 0 : (caps.count(query->capsToQuery) ? caps.at(query->capsToQuery) : 0);
     return NV_ENC_SUCCESS;
 }
 
 // Both preset queries: the legacy one takes the legacy presets only, the newer one the others.
-NVENCSTATUS preset(Session& session, bool legacyQuery, GUID preset, NV_ENC_TUNING_INFO tuning,
+NVENCSTATUS preset(Session& session, bool legacyQuery, GUID codec, GUID preset, NV_ENC_TUNING_INFO tuning,
                    NV_ENC_PRESET_CONFIG* out) {
     VERSION(out->version, 4, true);
     VERSION(out->presetCfg.version, 7, true);
@@ -93,16 +102,22 @@ NVENCSTATUS preset(Session& session, bool legacyQuery, GUID preset, NV_ENC_TUNIN
     config.frameIntervalP = 3, config.gopLength = 250;
     config.rcParams.rateControlMode = NV_ENC_PARAMS_RC_VBR, config.rcParams.constQP = {20, 22, 18};
     config.rcParams.lookaheadDepth = fake().lookaheadDepth;
+    if (same(codec, NV_ENC_CODEC_HEVC_GUID))
+        config.encodeCodecConfig.hevcConfig.minCUSize = NV_ENC_HEVC_CUSIZE_8x8,
+        config.encodeCodecConfig.hevcConfig.maxCUSize = NV_ENC_HEVC_CUSIZE_32x32,
+        config.encodeCodecConfig.hevcConfig.idrPeriod = 250;
+    else
+        config.encodeCodecConfig.h264Config.numTemporalLayers = 1, config.encodeCodecConfig.h264Config.idrPeriod = 250;
     return NV_ENC_SUCCESS;
 }
-NVENCSTATUS NVENCAPI getPreset(void* encoder, GUID, GUID presetGuid, NV_ENC_PRESET_CONFIG* config) {
+NVENCSTATUS NVENCAPI getPreset(void* encoder, GUID codec, GUID presetGuid, NV_ENC_PRESET_CONFIG* config) {
     SESSION_ENTRY("nvEncGetEncodePresetConfig", encoder);
-    return preset(session, true, presetGuid, NV_ENC_TUNING_INFO_UNDEFINED, config);
+    return preset(session, true, codec, presetGuid, NV_ENC_TUNING_INFO_UNDEFINED, config);
 }
-NVENCSTATUS NVENCAPI getPresetEx(void* encoder, GUID, GUID presetGuid, NV_ENC_TUNING_INFO tuning,
+NVENCSTATUS NVENCAPI getPresetEx(void* encoder, GUID codec, GUID presetGuid, NV_ENC_TUNING_INFO tuning,
                                  NV_ENC_PRESET_CONFIG* config) {
     SESSION_ENTRY("nvEncGetEncodePresetConfigEx", encoder);
-    return preset(session, false, presetGuid, tuning, config);
+    return preset(session, false, codec, presetGuid, tuning, config);
 }
 
 NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params) {
@@ -114,12 +129,23 @@ NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params)
         (isLegacyPreset(params->presetGUID) ||
          params->encodeConfig->rcParams.rateControlMode == NV_ENC_PARAMS_RC_CBR_LOWDELAY_HQ))
         return breach("legacy preset or rate control on the newer interface");
+    // Refused as the header's ranges say: CU sizes, temporal layers (0: the default), an IDR
+    // period that is no whole number of GOPs, and sizes below the capabilities' minimum.
+    const NV_ENC_CONFIG& config = *params->encodeConfig;
+    const auto& h264 = config.encodeCodecConfig.h264Config;
+    const auto& hevc = config.encodeCodecConfig.hevcConfig;
+    const bool isH264 = same(params->encodeGUID, NV_ENC_CODEC_H264_GUID);
+    const uint32_t idrPeriod = isH264 ? h264.idrPeriod : hevc.idrPeriod;
+    if ((isH264 ? h264.numTemporalLayers > fake().maxTemporalLayers
+                : hevc.minCUSize > NV_ENC_HEVC_CUSIZE_64x64 || hevc.maxCUSize > NV_ENC_HEVC_CUSIZE_64x64 ||
+                      (hevc.maxCUSize && hevc.minCUSize > hevc.maxCUSize)) ||
+        (idrPeriod && config.gopLength && config.gopLength != NVENC_INFINITE_GOPLENGTH && idrPeriod % config.gopLength) ||
+        params->encodeWidth < fake().minWidth || params->encodeHeight < fake().minHeight)
+        return NV_ENC_ERR_INVALID_PARAM;
     fake().initParams = *params;
-    fake().config = *params->encodeConfig;
+    fake().config = config;
     session.initialized = true;
-    const auto& codec = params->encodeConfig->encodeCodecConfig;
-    session.idrPeriod = same(params->encodeGUID, NV_ENC_CODEC_H264_GUID) ? codec.h264Config.idrPeriod
-                                                                          : codec.hevcConfig.idrPeriod;
+    session.idrPeriod = idrPeriod;
     return NV_ENC_SUCCESS;
 }
 
@@ -137,14 +163,17 @@ NVENCSTATUS NVENCAPI registerResource(void* encoder, NV_ENC_REGISTER_RESOURCE* p
     if (params->resourceType != NV_ENC_INPUT_RESOURCE_TYPE_CUDADEVICEPTR ||
         !device::api().isDevicePointer(params->resourceToRegister))
         return breach("registered resource is not CUDA device memory");
+    if (params->bufferFormat == NV_ENC_BUFFER_FORMAT_NV12 && (params->width % 2 || params->height % 2))
+        return NV_ENC_ERR_INVALID_PARAM;  // 4:2:0 chroma needs even sizes
     session.objects[params->registeredResource = newHandle()].registration = *params;
     return NV_ENC_SUCCESS;
 }
 
-// Buffers and resources go the same way; a mapped resource does not.
+// Buffers and resources go the same way, after a flush; a mapped resource does not.
 NVENCSTATUS destroy(Session& session, void* handle, bool buffer) {
     Object* object = find(session, handle, buffer);
     if (!object || object->mapped) return breach("releasing an unknown or mapped object");
+    if (session.initialized && !session.flushed) breach("resources released before the encoder was flushed");
     session.objects.erase(handle);
     return NV_ENC_SUCCESS;
 }
@@ -176,13 +205,23 @@ NVENCSTATUS NVENCAPI unmapResource(void* encoder, NV_ENC_INPUT_PTR mapped) {
     return NV_ENC_SUCCESS;
 }
 
+// Held-back pictures are finished by the next successful submission, or by the flush.
+NVENCSTATUS finishHeld(Session& session) {
+    for (Object* buffer : session.held) buffer->ready = true;
+    session.held.clear();
+    return NV_ENC_SUCCESS;
+}
+
 NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
     SESSION_ENTRY("nvEncEncodePicture", encoder);
     VERSION(pic->version, 4, true);
     if (pic->completionEvent) return breach("completion event in synchronous mode");
+    if (pic->encodePicFlags & NV_ENC_PIC_FLAG_EOS) return session.flushed = true, finishHeld(session);
+    session.flushed = false;
     Object* resource = mappedResource(session, pic->inputBuffer);
     Object* buffer = find(session, pic->outputBitstream, true);
-    if (!session.initialized || !resource || !buffer || buffer->locked || buffer->ready)
+    if (!session.initialized || !resource || !buffer || buffer->locked || buffer->ready ||
+        std::count(session.held.begin(), session.held.end(), buffer))
         return breach("picture without initialised session, mapped input or free bitstream buffer");
     const NV_ENC_REGISTER_RESOURCE& surface = resource->registration;
     if (pic->bufferFmt != surface.bufferFormat || pic->inputWidth != surface.width ||
@@ -196,8 +235,9 @@ NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
                                        static_cast<const uint8_t*>(surface.resourceToRegister), surface.pitch,
                                        surface.width, surface.height, surface.bufferFormat,
                                        fake().packetBytes.count(index) ? fake().packetBytes[index] : 0);
+    if (fake().heldBack.count(index)) return session.held.push_back(buffer), NV_ENC_ERR_NEED_MORE_INPUT;
     buffer->ready = true;
-    return NV_ENC_SUCCESS;
+    return finishHeld(session);
 }
 
 NVENCSTATUS NVENCAPI lockBitstream(void* encoder, NV_ENC_LOCK_BITSTREAM* lock) {
@@ -224,6 +264,7 @@ NVENCSTATUS NVENCAPI unlockBitstream(void* encoder, NV_ENC_OUTPUT_PTR bitstream)
 NVENCSTATUS NVENCAPI destroyEncoder(void* encoder) {
     SESSION_ENTRY("nvEncDestroyEncoder", encoder);
     if (!session.objects.empty()) breach("session destroyed while holding buffers or registered resources (leak)");
+    if (session.initialized && !session.flushed) breach("session destroyed before the encoder was flushed");
     sessions.erase(encoder);
     return NV_ENC_SUCCESS;
 }

@@ -1,8 +1,9 @@
 // A fake NVENC driver built from the contract in nvEncodeAPI.h's comments. It keeps sessions,
 // bitstream buffers, registered resources and mappings, checks every structure's version word
 // against the session's interface version, and records each breach of the contract (and each
-// resource still held when a session is destroyed) in `faults`. A picture's "bitstream" is its
-// frame index, picture type and a hash of the registered input surface as it was encoded.
+// resource still held, and each session not flushed, when a session is destroyed) in `faults`.
+// Configurations the header calls invalid are refused. A picture's "bitstream" is its frame
+// index, picture type and a hash of the registered input surface as it was encoded.
 #pragma once
 
 #include <map>
@@ -18,6 +19,8 @@ struct FakeNvenc {
     bool legacyPresets = true;        // false: a driver of the 590 series on
     bool hevc = true;                 // HEVC in the capability query
     uint16_t lookaheadDepth = 0;      // what the presets deliver
+    uint32_t minWidth = 8, minHeight = 4, maxTemporalLayers = 4;  // the capabilities
+    std::set<uint32_t> heldBack;      // frame indexes held (NEED_MORE_INPUT) until a later success
     std::map<uint32_t, size_t> packetBytes;      // frame index → payload padded to this size
     std::map<std::string, NVENCSTATUS> failing;  // entry point → its status ("load": no library)
 

@@ -1,5 +1,7 @@
 #include "NVCompression/NvCodec/NvEncoder/NvEncoder.h"
 
+#include <algorithm>
+
 namespace {
 
 bool isYuv444(NV_ENC_BUFFER_FORMAT format) {
@@ -40,12 +42,18 @@ NvEncoder::NvEncoder(NV_ENC_DEVICE_TYPE eDeviceType, void* pDevice, uint32_t nWi
     LoadNvEncApi();
     if (!m_nvenc.nvEncOpenEncodeSessionEx) NVENC_THROW_ERROR("EncodeAPI not found", NV_ENC_ERR_NO_ENCODE_DEVICE);
     NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS encodeSessionExParams = {};
-    encodeSessionExParams.version = m_interface.structVersion(1);
+    encodeSessionExParams.version = m_interface.openSessionParams;
     encodeSessionExParams.device = m_pDevice;
     encodeSessionExParams.deviceType = m_eDeviceType;
     encodeSessionExParams.apiVersion = m_interface.apiVersion;
     void* hEncoder = nullptr;
-    NVENC_API_CALL(m_nvenc.nvEncOpenEncodeSessionEx(&encodeSessionExParams, &hEncoder));
+    try {
+        NVENC_API_CALL(m_nvenc.nvEncOpenEncodeSessionEx(&encodeSessionExParams, &hEncoder));
+    } catch (const NVENCException&) {
+        // A failed open may still hand back a session, which the driver wants destroyed.
+        if (hEncoder) m_nvenc.nvEncDestroyEncoder(hEncoder);
+        throw;
+    }
     m_hEncoder = hEncoder;
 }
 
@@ -64,7 +72,7 @@ void NvEncoder::LoadNvEncApi() {
         NVENC_THROW_ERROR("Cannot find NvEncodeAPICreateInstance() entry in NVENC library",
                           NV_ENC_ERR_NO_ENCODE_DEVICE);
     m_nvenc = {};
-    m_nvenc.version = m_interface.structVersion(2);
+    m_nvenc.version = m_interface.functionList;
     NVENC_API_CALL(library.NvEncodeAPICreateInstance(&m_nvenc));
 }
 
@@ -73,8 +81,8 @@ NvEncoder::~NvEncoder() { DestroyHWEncoder(); }
 void NvEncoder::GetPresetConfig(GUID codecGuid, GUID presetGuid, NV_ENC_TUNING_INFO tuningInfo,
                                 NV_ENC_PRESET_CONFIG& presetConfig) {
     presetConfig = {};
-    presetConfig.version = m_interface.extendedStructVersion(4);
-    presetConfig.presetCfg.version = m_interface.extendedStructVersion(7);
+    presetConfig.version = m_interface.presetConfig;
+    presetConfig.presetCfg.version = m_interface.config;
     if (m_interface.hasLegacyPresets())
         NVENC_API_CALL(m_nvenc.nvEncGetEncodePresetConfig(m_hEncoder, codecGuid, presetGuid, &presetConfig));
     else
@@ -92,8 +100,8 @@ void NvEncoder::CreateDefaultEncoderParams(NV_ENC_INITIALIZE_PARAMS* pIntializeP
     *config = {};
     *pIntializeParams = {};
     pIntializeParams->encodeConfig = config;
-    config->version = m_interface.extendedStructVersion(7);
-    pIntializeParams->version = m_interface.extendedStructVersion(5);
+    config->version = m_interface.config;
+    pIntializeParams->version = m_interface.initializeParams;
     pIntializeParams->encodeGUID = codecGuid;
     pIntializeParams->presetGUID = presetGuid;
     pIntializeParams->encodeWidth = pIntializeParams->darWidth = m_nWidth;
@@ -178,15 +186,26 @@ void NvEncoder::CreateEncoder(const NV_ENC_INITIALIZE_PARAMS* pEncoderParams) {
     m_vMappedInputBuffers.assign(m_nEncoderBuffer, nullptr);
     for (int32_t i = 0; i < m_nEncoderBuffer; ++i) {
         NV_ENC_CREATE_BITSTREAM_BUFFER createBitstreamBuffer = {};
-        createBitstreamBuffer.version = m_interface.structVersion(1);
+        createBitstreamBuffer.version = m_interface.createBitstreamBuffer;
         NVENC_API_CALL(m_nvenc.nvEncCreateBitstreamBuffer(m_hEncoder, &createBitstreamBuffer));
         m_vBitstreamOutputBuffer.push_back(createBitstreamBuffer.bitstreamBuffer);
     }
     AllocateInputBuffers(m_nEncoderBuffer);
 }
 
+void NvEncoder::GetInitializeParams(NV_ENC_INITIALIZE_PARAMS* pInitializeParams) const {
+    if (!pInitializeParams || !pInitializeParams->encodeConfig)
+        NVENC_THROW_ERROR("Both pInitializeParams and pInitializeParams->encodeConfig can't be NULL",
+                          NV_ENC_ERR_INVALID_PTR);
+    NV_ENC_CONFIG* config = pInitializeParams->encodeConfig;
+    *config = m_encodeConfig;
+    *pInitializeParams = m_initializeParams;
+    pInitializeParams->encodeConfig = config;
+}
+
 void NvEncoder::DestroyEncoder() {
     if (!m_hEncoder) return;
+    FlushBeforeRelease();
     ReleaseInputBuffers();
     DestroyHWEncoder();
 }
@@ -205,7 +224,7 @@ void NvEncoder::RegisterResources(NV_ENC_INPUT_RESOURCE_TYPE eResourceType, uint
                                   uint32_t pitch, NV_ENC_BUFFER_FORMAT bufferFormat) {
     for (size_t i = m_vRegisteredResources.size(); i < m_vInputFrames.size(); ++i) {
         NV_ENC_REGISTER_RESOURCE registerResource = {};
-        registerResource.version = m_interface.structVersion(3);
+        registerResource.version = m_interface.registerResource;
         registerResource.resourceType = eResourceType;
         registerResource.resourceToRegister = m_vInputFrames[i].inputPtr;
         registerResource.width = width;
@@ -243,7 +262,7 @@ const NvEncInputFrame* NvEncoder::GetNextInputFrame() {
 
 void NvEncoder::MapResources(uint32_t bfrIdx) {
     NV_ENC_MAP_INPUT_RESOURCE mapInputResource = {};
-    mapInputResource.version = m_interface.structVersion(4);
+    mapInputResource.version = m_interface.mapInputResource;
     mapInputResource.registeredResource = m_vRegisteredResources[bfrIdx];
     NVENC_API_CALL(m_nvenc.nvEncMapInputResource(m_hEncoder, &mapInputResource));
     m_vMappedInputBuffers[bfrIdx] = mapInputResource.mappedResource;
@@ -255,16 +274,21 @@ uint32_t NvEncoder::EncodeFrame(std::vector<std::vector<uint8_t>>& vPacket, NV_E
     const uint32_t bfrIdx = static_cast<uint32_t>(m_iToSend % m_nEncoderBuffer);
     MapResources(bfrIdx);
     const NVENCSTATUS status = DoEncode(m_vMappedInputBuffers[bfrIdx], m_vBitstreamOutputBuffer[bfrIdx], pPicParams);
-    if (status != NV_ENC_SUCCESS && status != NV_ENC_ERR_NEED_MORE_INPUT)
+    if (status != NV_ENC_SUCCESS && status != NV_ENC_ERR_NEED_MORE_INPUT) {
+        // The picture never reached the encoder: its input is free again for the next frame.
+        m_nvenc.nvEncUnmapInputResource(m_hEncoder, m_vMappedInputBuffers[bfrIdx]);
+        m_vMappedInputBuffers[bfrIdx] = nullptr;
         NVENC_THROW_ERROR("nvEncEncodePicture API failed", status);
+    }
     ++m_iToSend;
+    if (status == NV_ENC_SUCCESS) m_iSubmittedToLastSuccess = m_iToSend;
     return GetEncodedPacket(vPacket, true);
 }
 
 NVENCSTATUS NvEncoder::DoEncode(NV_ENC_INPUT_PTR inputBuffer, NV_ENC_OUTPUT_PTR outputBuffer,
                                 NV_ENC_PIC_PARAMS* pPicParams) {
     NV_ENC_PIC_PARAMS picParams = pPicParams ? *pPicParams : NV_ENC_PIC_PARAMS{};
-    picParams.version = m_interface.extendedStructVersion(4);
+    picParams.version = m_interface.picParams;
     picParams.inputBuffer = inputBuffer;
     picParams.bufferFmt = m_eBufferFormat;
     picParams.inputWidth = m_nWidth;
@@ -278,19 +302,30 @@ uint32_t NvEncoder::EndEncode(std::vector<std::vector<uint8_t>>& vPacket) {
     vPacket.clear();
     if (!IsHWEncoderInitialized()) NVENC_THROW_ERROR("Encoder device not initialized", NV_ENC_ERR_NO_ENCODE_DEVICE);
     NV_ENC_PIC_PARAMS picParams = {};
-    picParams.version = m_interface.extendedStructVersion(4);
+    picParams.version = m_interface.picParams;
     picParams.encodePicFlags = NV_ENC_PIC_FLAG_EOS;
     NVENC_API_CALL(m_nvenc.nvEncEncodePicture(m_hEncoder, &picParams));
+    m_iSubmittedToLastSuccess = m_iToSend;
     return GetEncodedPacket(vPacket, false);
+}
+
+void NvEncoder::FlushBeforeRelease() {
+    if (!IsHWEncoderInitialized()) return;
+    std::vector<std::vector<uint8_t>> packets;
+    try {
+        EndEncode(packets);
+    } catch (const std::exception&) {
+        // The resources are released regardless; nothing is left to wait for.
+    }
 }
 
 // Without completion events the blocking lock is what waits for each picture.
 uint32_t NvEncoder::GetEncodedPacket(std::vector<std::vector<uint8_t>>& vPacket, bool bOutputDelay) {
-    const int32_t iEnd = bOutputDelay ? m_iToSend - m_nOutputDelay : m_iToSend;
+    const int32_t iEnd = std::min(bOutputDelay ? m_iToSend - m_nOutputDelay : m_iToSend, m_iSubmittedToLastSuccess);
     uint32_t pictureType = 0;
     for (; m_iGot < iEnd; ++m_iGot) {
         NV_ENC_LOCK_BITSTREAM lockBitstreamData = {};
-        lockBitstreamData.version = m_interface.structVersion(1);
+        lockBitstreamData.version = m_interface.lockBitstream;
         lockBitstreamData.outputBitstream = m_vBitstreamOutputBuffer[m_iGot % m_nEncoderBuffer];
         lockBitstreamData.doNotWait = 0;
         NVENC_API_CALL(m_nvenc.nvEncLockBitstream(m_hEncoder, &lockBitstreamData));

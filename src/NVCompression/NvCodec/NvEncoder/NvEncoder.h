@@ -11,23 +11,6 @@
 #include "NVCompression/NvCodec/NvEncoder/NvCodecException.h"
 #include "NVCompression/NvCodec/NvEncoder/NvEncoderCapabilities.h"
 
-// The interface version a session speaks and the structure version words that go with it.
-struct NvEncInterface {
-    uint32_t apiVersion;  // major | minor << 24
-
-    constexpr uint32_t structVersion(uint32_t n) const { return apiVersion | (n << 16) | (0x7u << 28); }
-    // Structures that carry the extra high bit: parameters, configurations, picture parameters.
-    constexpr uint32_t extendedStructVersion(uint32_t n) const { return structVersion(n) | (1u << 31); }
-    // The driver's maximum version must be at least (major << 4) | minor.
-    constexpr uint32_t requiredMaxVersion() const { return ((apiVersion & 0xFF) << 4) | (apiVersion >> 24); }
-    // Interfaces before 10.0 know the legacy presets; later ones take presets with tuning info.
-    constexpr bool hasLegacyPresets() const { return (apiVersion & 0xFF) < 10; }
-};
-// The version this library speaks first.
-constexpr NvEncInterface kNvEncInterface8_1{kNvEncApiVersion};
-// The newest version the interface header defines, for drivers without the legacy presets.
-constexpr NvEncInterface kNvEncInterfaceNewest{NVENCAPI_VERSION};
-
 // The presets of interfaces before 10.0, which the header marks deprecated.
 constexpr GUID kNvEncPresetDefaultGuid = {0xb2dfb705, 0x4ebd, 0x4c49, {0x9b, 0x5f, 0x24, 0xa7, 0x77, 0xd3, 0xe5, 0x87}};
 constexpr GUID kNvEncPresetLowLatencyHqGuid = {0xc5f733b9, 0xea97, 0x4cf9, {0xbe, 0xc2, 0xbf, 0x78, 0xa7, 0x4f, 0xd1, 0x05}};
@@ -57,6 +40,9 @@ public:
                                     GUID presetGuid, uint32_t gopLength,
                                     NV_ENC_TUNING_INFO tuningInfo = NV_ENC_TUNING_INFO_UNDEFINED);
     void CreateEncoder(const NV_ENC_INITIALIZE_PARAMS* pEncoderParams);
+    // Copies out what the encoder was created with; the configuration goes where the caller's
+    // parameters point.
+    void GetInitializeParams(NV_ENC_INITIALIZE_PARAMS* pInitializeParams) const;
     void DestroyEncoder();
 
     const NvEncInputFrame* GetNextInputFrame();
@@ -83,6 +69,9 @@ protected:
               const NvEncInterface& nvencInterface);
 
     bool IsHWEncoderInitialized() const { return m_hEncoder != nullptr && m_bEncoderCreated; }
+    // Sends end of stream and drops what comes out: the driver wants its encoder flushed before
+    // any of its resources are released. Never throws.
+    void FlushBeforeRelease();
     // Registers every frame of m_vInputFrames that is not registered yet and completes its record.
     void RegisterResources(NV_ENC_INPUT_RESOURCE_TYPE eResourceType, uint32_t width, uint32_t height,
                            uint32_t pitch, NV_ENC_BUFFER_FORMAT bufferFormat);
@@ -126,6 +115,9 @@ protected:
     uint32_t m_nMaxEncodeHeight = 0;
     int32_t m_iToSend = 0;
     int32_t m_iGot = 0;
+    // Frames submitted up to the last successful submission: a frame the driver held back
+    // (NV_ENC_ERR_NEED_MORE_INPUT) may not be locked before a later submission succeeds.
+    int32_t m_iSubmittedToLastSuccess = 0;
     int32_t m_nEncoderBuffer = 0;
     int32_t m_nOutputDelay = 0;
     NvEncInterface m_interface;

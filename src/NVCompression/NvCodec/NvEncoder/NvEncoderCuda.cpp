@@ -19,7 +19,10 @@ NvEncoderCuda::NvEncoderCuda(CUcontext cuContext, uint32_t nWidth, uint32_t nHei
     if (!m_cuContext) NVENC_THROW_ERROR("Invalid Cuda Context", NV_ENC_ERR_INVALID_DEVICE);
 }
 
-NvEncoderCuda::~NvEncoderCuda() { ReleaseCudaResources(); }
+NvEncoderCuda::~NvEncoderCuda() {
+    FlushBeforeRelease();
+    ReleaseCudaResources();
+}
 
 void NvEncoderCuda::AllocateInputBuffers(int32_t numInputBuffers) {
     if (!IsHWEncoderInitialized())
@@ -51,11 +54,11 @@ void NvEncoderCuda::ReleaseCudaResources() {
     if (!m_hEncoder || !m_cuContext) return;
     UnregisterResources();
     const device::Api& api = device::api();
-    api.pushContext(m_cuContext);
+    // A failed push must not be followed by a pop, which would take the caller's own context.
+    PushedContext context(api.pushContext(m_cuContext) == 0);
     for (const NvEncInputFrame& frame : m_vInputFrames)
         if (frame.inputPtr) api.freePitched(reinterpret_cast<CUdeviceptr>(frame.inputPtr));
     m_vInputFrames.clear();
-    api.popContext();
 }
 
 void NvEncoderCuda::CopyToDeviceFrame(CUcontext device, void* pSrcFrame, uint32_t nSrcPitch, CUdeviceptr pDstFrame,
