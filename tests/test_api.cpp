@@ -107,7 +107,6 @@ TEST(EncCapabilities, ProbeAgainstFakeDrivers) {
         {0xB1, true, "load", 0, 0}};                     // no NVENC
     for (const auto& [version, hevc, failing, h264Flag, hevcFlag] : cases) {
         SCOPED_TRACE(testing::Message() << version << " " << hevc << " " << failing);
-        const bool loads = std::string(failing) != "load";
         FakeNvenc& fake = fakeNvenc() = FakeNvenc{};
         fake.maxVersion = version;
         fake.hevc = hevc;
@@ -115,7 +114,7 @@ TEST(EncCapabilities, ProbeAgainstFakeDrivers) {
         DriverApi api = fake.driverApi();
         api.cuda = &cuda;
         ScopedDriverApi scoped(api);
-        destroyResult = loads ? CUDA_SUCCESS : CUresult(201);
+        destroyResult = std::string(failing) != "load" ? CUDA_SUCCESS : CUresult(201);
         uint32_t h264 = 7, hevcOut = 7;
         EXPECT_EQ(ZOHW_GetEncCapabilities(&h264, &hevcOut), uint32_t(destroyResult));
         EXPECT_EQ(std::make_tuple(h264, hevcOut, fake.openSessions(), fake.librariesLoaded, fake.faults),

@@ -64,7 +64,9 @@ bool isLegacyPreset(const GUID& preset) {
            same(preset, NV_ENC_PRESET_LOSSLESS_DEFAULT_GUID) || same(preset, NV_ENC_PRESET_LOSSLESS_HP_GUID);
 }
 
-NVENCSTATUS open(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, Session& session) {
+// A failed open hands back a session too, which the client must destroy.
+NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
+    Session& session = sessions[*encoder = newHandle()];
     ENTRY("nvEncOpenEncodeSessionEx");
     session.api = params->apiVersion;
     if (session.api != functionListApi) return breach("session and function list versions differ");
@@ -74,11 +76,6 @@ NVENCSTATUS open(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, Session& session)
     if (params->deviceType != NV_ENC_DEVICE_TYPE_CUDA || !params->device) return breach("no CUDA context");
     session.opened = true;
     return NV_ENC_SUCCESS;
-}
-// A failed open hands back a session too, which the client must destroy.
-NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
-    Session& session = sessions[*encoder = newHandle()];
-    return open(params, session);
 }
 
 NVENCSTATUS NVENCAPI getCaps(void* encoder, GUID codec, NV_ENC_CAPS_PARAM* query, int* value) {
@@ -102,12 +99,10 @@ NVENCSTATUS preset(Session& session, bool legacyQuery, GUID codec, GUID preset, 
     config.frameIntervalP = 3, config.gopLength = 250;
     config.rcParams.rateControlMode = NV_ENC_PARAMS_RC_VBR, config.rcParams.constQP = {20, 22, 18};
     config.rcParams.lookaheadDepth = fake().lookaheadDepth;
+    NV_ENC_CODEC_CONFIG& codecs = config.encodeCodecConfig;
     if (same(codec, NV_ENC_CODEC_HEVC_GUID))
-        config.encodeCodecConfig.hevcConfig.minCUSize = NV_ENC_HEVC_CUSIZE_8x8,
-        config.encodeCodecConfig.hevcConfig.maxCUSize = NV_ENC_HEVC_CUSIZE_32x32,
-        config.encodeCodecConfig.hevcConfig.idrPeriod = 250;
-    else
-        config.encodeCodecConfig.h264Config.numTemporalLayers = 1, config.encodeCodecConfig.h264Config.idrPeriod = 250;
+        codecs.hevcConfig.minCUSize = NV_ENC_HEVC_CUSIZE_8x8, codecs.hevcConfig.maxCUSize = NV_ENC_HEVC_CUSIZE_32x32;
+    (same(codec, NV_ENC_CODEC_HEVC_GUID) ? codecs.hevcConfig.idrPeriod : codecs.h264Config.idrPeriod) = 250;
     return NV_ENC_SUCCESS;
 }
 NVENCSTATUS NVENCAPI getPreset(void* encoder, GUID codec, GUID presetGuid, NV_ENC_PRESET_CONFIG* config) {
@@ -132,11 +127,10 @@ NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params)
     // Refused as the header's ranges say: CU sizes, temporal layers (0: the default), an IDR
     // period that is no whole number of GOPs, and sizes below the capabilities' minimum.
     const NV_ENC_CONFIG& config = *params->encodeConfig;
-    const auto& h264 = config.encodeCodecConfig.h264Config;
-    const auto& hevc = config.encodeCodecConfig.hevcConfig;
+    const NV_ENC_CONFIG_HEVC& hevc = config.encodeCodecConfig.hevcConfig;
     const bool isH264 = same(params->encodeGUID, NV_ENC_CODEC_H264_GUID);
-    const uint32_t idrPeriod = isH264 ? h264.idrPeriod : hevc.idrPeriod;
-    if ((isH264 ? h264.numTemporalLayers > fake().maxTemporalLayers
+    const uint32_t idrPeriod = isH264 ? config.encodeCodecConfig.h264Config.idrPeriod : hevc.idrPeriod;
+    if ((isH264 ? config.encodeCodecConfig.h264Config.numTemporalLayers > fake().maxTemporalLayers
                 : hevc.minCUSize > NV_ENC_HEVC_CUSIZE_64x64 || hevc.maxCUSize > NV_ENC_HEVC_CUSIZE_64x64 ||
                       (hevc.maxCUSize && hevc.minCUSize > hevc.maxCUSize)) ||
         (idrPeriod && config.gopLength && config.gopLength != NVENC_INFINITE_GOPLENGTH && idrPeriod % config.gopLength) ||
@@ -208,8 +202,7 @@ NVENCSTATUS NVENCAPI unmapResource(void* encoder, NV_ENC_INPUT_PTR mapped) {
 // Held-back pictures are finished by the next successful submission, or by the flush.
 NVENCSTATUS finishHeld(Session& session) {
     for (Object* buffer : session.held) buffer->ready = true;
-    session.held.clear();
-    return NV_ENC_SUCCESS;
+    return session.held.clear(), NV_ENC_SUCCESS;
 }
 
 NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
