@@ -85,7 +85,7 @@ TEST_F(Encoding, SessionsCarryTheSettingsOfTheirCodecModeAndDriver) {
             EXPECT_EQ(std::vector<uint32_t>({rc.averageBitRate, rc.maxBitRate, rc.vbvBufferSize, rc.vbvInitialDelay,
                                              rc.constQP.qpInterP, rc.multiPass, rc.lowDelayKeyFrameScale}),
                       std::vector<uint32_t>({4000000, 4000000, 133333, 133333, 28,
-                                             s.legacyPresets ? 0u : NV_ENC_TWO_PASS_QUARTER_RESOLUTION, !s.legacyPresets}));
+                                             s.legacyPresets ? 0u : uint32_t(NV_ENC_TWO_PASS_QUARTER_RESOLUTION), !s.legacyPresets}));
         }
         ASSERT_TRUE(HwEncoder(packing::kUint8, s.codec, s.lossless, 4000000, 64, 48, 30).isReady());
         EXPECT_EQ(fake.calls["nvEncGetEncodePresetConfig"], s.legacyPresets ? 2u : 1u) << "new drivers: asked once";
