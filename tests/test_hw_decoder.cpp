@@ -13,6 +13,7 @@
 
 namespace {
 
+using device::HostCall;
 constexpr uint32_t kHardware = 1, kSoftware = 2, kUint8 = 3;
 
 struct StreamCase {
@@ -86,7 +87,7 @@ void expectPipeReadsAsTheReference(const HevcStream& stream, uint32_t codec, uin
 // or device allocation left behind, and any device fault.
 class Decoding : public OnHostDevice {
 protected:
-    Decoding() : driver_(fake.driverApi()), scopedDriver_(driver_) {}
+    Decoding() : driver_(fake.driverApi()), scopedDriver_(driver_) { device::hostDevice().deferKernels = true; }
     void TearDown() override {
         for (const std::string& breach : fake.faults) ADD_FAILURE() << breach;
         EXPECT_EQ(fake.liveObjects(), 0u) << "CUVID object left alive";
@@ -124,10 +125,19 @@ TEST_F(Decoding, DecodingRetriesThriceAndSequentialReadingTriesFourRecords) {
     EXPECT_EQ(ZOHW_Decode(p.get(), two.data(), two.size(), out.data()), 0u);
     EXPECT_EQ(fake.packetTimestamps.back(), 3);
     EXPECT_TRUE(out == luma(1)) << "the later of the two pictures";
-    // A device destination is written directly.
+    // A device destination is written directly, and finished when the call returns.
     DeviceBuffer device(Bytes(out.size()));
     EXPECT_EQ(ZOHW_Decode(p.get(), payloads[2].data(), payloads[2].size(), device.get()), 0u);
-    EXPECT_TRUE(device.download() == luma(2));
+    EXPECT_TRUE(Bytes(device.get(), device.get() + out.size()) == luma(2));
+    // A decoder that holds pictures back (a stream that reorders) gets each sample once, and a picture
+    // goes out only for its own sample.
+    fake.heldPictures = 1;
+    p = decoderPipe(kUint8, 1, 200, 120);
+    fake.packetTimestamps.clear();
+    for (size_t i = 0; i < 4; ++i)
+        EXPECT_TRUE(ZOHW_Decode(p.get(), payloads[i].data(), payloads[i].size(), out.data()) || out == luma(i)) << i;
+    EXPECT_EQ(fake.packetTimestamps, (std::vector<int64_t>{0, 1, 2, 3}));
+    fake.heldPictures = 0;
 
     for (uint32_t empties : {3u, 4u}) {
         SCOPED_TRACE(std::to_string(empties) + " records without a picture");
@@ -150,21 +160,57 @@ TEST_F(Decoding, DecodingRetriesThriceAndSequentialReadingTriesFourRecords) {
     }
 }
 
-// A GPU without the codec and an unknown codec fall back to software decoding; a picture larger
-// than the GPU decodes fails the call with the decoder's text.
+// A GPU without the codec or our kernels, a driver older than the runtime, a picture below the
+// decoder's minimum and an unknown codec fall back to software decoding, saying why where the user
+// can act; a picture larger than the GPU decodes fails the call with the decoder's text, one beyond
+// its macroblock limit silently.
 TEST_F(Decoding, RefusalsFallBackOrFailWithTheirTexts) {
-    EXPECT_EQ(ZOHW_GetDecoderType(decoderPipe(kUint8, 2, 200, 120).get()), kSoftware);
+    const struct { uint32_t codec, type; int runtime; bool noImage; unsigned minWidth, maxWidth, maxMBs; const char* printed; } kRows[] = {
+        {2, kSoftware, 0, false, 48, 4096, 65536, ""}, {1, kSoftware, 0, false, 201, 4096, 65536, ""},
+        {1, kSoftware, device::kInsufficientDriver, false, 48, 4096, 65536, "Failed to create decoder (CUDA driver version is "
+         "insufficient for CUDA runtime version: the CUDA 13 runtime in this library needs NVIDIA driver 580.65.06"},
+        {1, kSoftware, 0, true, 48, 4096, 65536, "Failed to create decoder (no kernel image is available for execution on "
+         "the device: the kernels of this library need a GPU of compute capability 7.5 or newer)"},
+        {1, kHardware, 0, false, 48, 199, 65536, "Max Supported (wxh) : 199x4096\nResolution not supported on this GPU at "},
+        {1, kHardware, 0, false, 48, 4096, 10, ""}};
+    for (const auto& r : kRows) {
+        device::hostDevice().runtimeFailure = r.runtime, device::hostDevice().noKernelImage = r.noImage;
+        fake.minWidth = r.minWidth, fake.maxWidth = r.maxWidth, fake.maxMBCount = r.maxMBs;
+        testing::internal::CaptureStdout();
+        Bytes out(200 * 120);
+        Pipe p = decoderPipe(kUint8, r.codec, 200, 120);
+        EXPECT_EQ(ZOHW_GetDecoderType(p.get()), r.type);
+        EXPECT_EQ(ZOHW_Decode(p.get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
+        const std::string printed = testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(printed.find(r.printed) != std::string::npos && printed.empty() == !*r.printed) << printed;
+    }
     fake.supported.clear();
     EXPECT_EQ(ZOHW_GetDecoderType(decoderPipe(kUint8, 1, 200, 120).get()), kSoftware);
-    fake.supported = {cudaVideoCodec_HEVC};
-    fake.maxWidth = 199;
-    testing::internal::CaptureStdout();
+}
+
+// The host's contexts stay as they were: teardown frees in ours, and a push that fails is never
+// followed by a pop. A staging buffer that cannot be allocated fails the call, not the GPU.
+TEST_F(Decoding, TheHostsContextsAndAFailedStagingAllocation) {
+    static int hostContext;
+    const auto host = reinterpret_cast<CUcontext>(&hostContext);
     Bytes out(200 * 120);
-    Pipe p = decoderPipe(kUint8, 1, 200, 120);
-    EXPECT_EQ(ZOHW_Decode(p.get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_NE(printed.find("Max Supported (wxh) : 199x4096\nResolution not supported on this GPU at "),
-              std::string::npos) << printed;
+    for (bool pushFails : {false, true}) {
+        Pipe p = decoderPipe(kUint8, 1, 200, 120);
+        device::hostDevice().failNext(HostCall::Allocate, 2);  // after the mapping's and the pool frame's
+        EXPECT_EQ(ZOHW_Decode(p.get(), payloads[0].data(), payloads[0].size(), out.data()), 1u);
+        EXPECT_EQ(ZOHW_Decode(p.get(), payloads[0].data(), payloads[0].size(), out.data()), 0u);
+        EXPECT_TRUE(out == luma(0));
+        device::api().setCurrentContext(host);
+        if (pushFails) device::hostDevice().failNext(HostCall::PushContext);
+        p.reset();
+        CUcontext current = nullptr;
+        EXPECT_EQ((device::api().getCurrentContext(&current), current), host);
+        device::api().popContext();
+    }
+    // The staging buffer of the context that could not be pushed stays with that context.
+    EXPECT_EQ(device::hostDevice().liveAllocations(), 1u);
+    ASSERT_TRUE(device::hostDevice().faults.empty()) << device::hostDevice().faults.front();
+    device::hostDevice().reset();
 }
 
 // A CUVID entry point failing at every call, or a device call failing once (at the second record),
@@ -199,7 +245,6 @@ TEST_P(HwFailures, LeaveNothingBehind) {
     if (!*entry) { EXPECT_EQ(statuses.front() + statuses.back(), 0u); }
 }
 
-using device::HostCall;
 const auto kCuvidEntries = testing::Values("cuvidCtxLockCreate", "cuvidCreateVideoParser", "cuvidParseVideoData",
                                            "cuvidGetDecoderCaps", "cuvidCreateDecoder", "cuvidMapVideoFrame64");
 const auto kDeviceCalls = testing::Values(HostCall::PushContext, HostCall::PopContext, HostCall::Allocate,
@@ -221,8 +266,10 @@ class GpuDecoding : public testing::TestWithParam<std::tuple<StreamCase, uint32_
 
 TEST_P(GpuDecoding, PipesReadAsTheReference) {
     const auto [c, code] = GetParam();
-    if (ZOHW_GetDecoderType(decoderPipe(code, c.codec, 64, 64).get()) != kHardware) GTEST_SKIP() << "no GPU decodes it here";
-    expectPipeReadsAsTheReference(hevcStream(c.name, c.set), c.codec, code);
+    const HevcStream stream = hevcStream(c.name, c.set);
+    if (ZOHW_GetDecoderType(decoderPipe(3, c.codec, stream.width, stream.height).get()) != kHardware)
+        GTEST_SKIP() << "no GPU decodes it here";
+    expectPipeReadsAsTheReference(stream, c.codec, code);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, GpuDecoding, kPipes);

@@ -7,7 +7,8 @@
 
 namespace {
 
-// A sample is offered to the parser this many times before it counts as giving no picture.
+// A sample that the decoder did not take a picture from is offered this many times before it
+// counts as giving no picture.
 constexpr int kDecodeAttempts = 3;
 
 }  // namespace
@@ -17,8 +18,14 @@ HwDecoder::HwDecoder(uint32_t dataFormat_, uint32_t codec_, uint32_t width_, uin
     ready = create(codec_, width_, height_);
 }
 
+// The staging buffer is freed in the context it was allocated in, whatever the host has current
+// now; when that context cannot be pushed, the buffer stays with it.
 HwDecoder::~HwDecoder() {
-    device::api().free(staging.ptr);
+    const device::Api& api = device::api();
+    if (staging.ptr && api.pushContext(context) == 0) {
+        device::PushedContext pushed(true);
+        api.free(staging.ptr);
+    }
     decoder.reset();
 }
 
@@ -28,8 +35,16 @@ bool HwDecoder::create(uint32_t codec_, uint32_t w, uint32_t h) {
     width = w;
     height = h;
     const device::Api& api = device::api();
-    api.synchronize();  // makes the runtime's primary context current
+    // Departure: the set-up is checked, and so is that our kernels run on this GPU. A driver older
+    // than the runtime, or a GPU without our kernel images, would fail every launch unseen and
+    // hand back stale memory as pictures; such a pipe decodes in software and says why.
+    const int notReady = device::checkDeviceReady();
     api.getCurrentContext(&context);
+    if (notReady) {
+        if (notReady != device::kNoDevice)
+            std::cout << "Failed to create decoder (" << device::deviceNotReadyText(notReady) << ")" << std::endl;
+        return false;
+    }
     if (codec_ > 1) return false;
     const cudaVideoCodec codecType = codec_ == 0 ? cudaVideoCodec_H264 : cudaVideoCodec_HEVC;
     const CuvidFunctions* cuvid = driverApi().cuvid;
@@ -38,9 +53,11 @@ bool HwDecoder::create(uint32_t codec_, uint32_t w, uint32_t h) {
     caps.eCodecType = codecType;
     caps.eChromaFormat = cudaVideoChromaFormat_420;
     caps.nBitDepthMinus8 = 0;
-    // Size limits are checked by NvDecoder when the stream's first sequence header arrives.
+    // The upper size limits are checked by NvDecoder when the stream's first sequence header
+    // arrives. Departure: a picture below the minimum gets no hardware pipe.
     cuvid->cuvidGetDecoderCaps(&caps);
-    if (!caps.bIsSupported) return false;
+    if (!caps.bIsSupported || packing::pictureWidth(dataFormat, w) < caps.nMinWidth || h < caps.nMinHeight)
+        return false;
     try {
         decoder.reset(new NvDecoder(context, int(w), int(h), true, codecType, nullptr, true, false));
     } catch (const NVDECException& e) {
@@ -53,22 +70,33 @@ bool HwDecoder::create(uint32_t codec_, uint32_t w, uint32_t h) {
 uint32_t HwDecoder::decode(const uint8_t* sample, uint64_t sampleBytes, void* out) {
     // A wrapper that is not ready has no decoder; a packet size must fit the parser's int.
     if (!decoder || sampleBytes > uint64_t(INT_MAX)) return 0;
+    // Work in the host's context would use memory of ours there.
     const device::Api& api = device::api();
-    device::PushedContext pushed(api.pushContext(context) == 0);
+    if (api.pushContext(context) != 0) return 0;
+    device::PushedContext pushed(true);
 
+    // Departure: a sample whose picture the decoder took is not fed again, and a picture goes out
+    // only for its own sample (its timestamp is one of this call's). A decoder that holds pictures
+    // back (a stream that reorders; ours never do) would decode a sample fed again twice, and
+    // release the pictures of earlier samples here: a stream that reorders gives no picture for
+    // the samples whose picture is held back, rather than the wrong one.
+    const int64_t firstTimestamp = frameCounter;
     uint8_t* frame = nullptr;
     for (int attempt = 0; attempt < kDecodeAttempts && !frame; ++attempt) {
         uint8_t** frames = nullptr;
+        int64_t* timestamps = nullptr;
         int count = 0;
         try {
-            decoder->Decode(sample, int(sampleBytes), &frames, &count, CUVID_PKT_ENDOFPICTURE, nullptr,
+            decoder->Decode(sample, int(sampleBytes), &frames, &count, CUVID_PKT_ENDOFPICTURE, &timestamps,
                             frameCounter++);
         } catch (const NVDECException& e) {
             std::cout << "Decode failed (" << e.what() << ")" << std::endl;
             break;
         }
         // Of several pictures only the last one is delivered.
-        if (count > 0) frame = frames[count - 1];
+        for (int i = count; i-- > 0 && !frame;)
+            if (timestamps[i] >= firstTimestamp) frame = frames[i];
+        if (decoder->GetDecodedPictureCount() > 0) break;
     }
     if (!frame) return 0;
     // A pipe larger than the decoded picture would make the kernels read outside the frame.

@@ -64,6 +64,9 @@ struct Api {
     int (*driverCopy2DAsync)(void* dst, size_t dstPitch, const void* src, size_t srcPitch,
                              size_t rowBytes, size_t rows, CopyKind kind, CUstream stream);
     int (*streamSynchronize)(CUstream stream);
+    // 0 when a kernel of this library can run on the current device; otherwise the runtime's
+    // error, and cudaErrorNoDevice where no NVIDIA driver is installed at all.
+    int (*checkKernels)();
 };
 
 const Api& cudaApi();
@@ -71,6 +74,17 @@ const Api& hostApi();
 
 // The table in use: the CUDA one unless a ScopedApi replaced it.
 const Api& api();
+
+// The set-up check of both pipes: makes the runtime's primary context current where no context
+// is, and checks that a kernel of this library runs there. 0, cudaErrorNoDevice on a machine
+// without an NVIDIA GPU or driver, or the runtime's error: cudaErrorInsufficientDriver for a
+// driver older than the runtime linked in, cudaErrorNoKernelImageForDevice for a GPU that none
+// of our kernel images fits. Without the check every launch fails unseen and stale device
+// memory goes out as results.
+int checkDeviceReady();
+constexpr int kNoDevice = 100;  // cudaErrorNoDevice
+// The cause of a failed check, for the user: what to install or which GPU is needed.
+std::string deviceNotReadyText(int result);
 
 // Pops a context pushed just before, also when a call in between throws.
 class PushedContext {
@@ -81,6 +95,7 @@ public:
     }
     PushedContext(const PushedContext&) = delete;
     PushedContext& operator=(const PushedContext&) = delete;
+    bool pushed() const { return pushed_; }
     int pop() {
         pushed_ = false;
         return api().popContext();
@@ -107,15 +122,27 @@ enum class HostCall {
     Allocate, AllocatePitch, Copy, Copy2D, DriverCopy2D, PushContext, Launch, PopContext, StreamSynchronize, Count
 };
 
-// Allocations are real heap blocks filled with 0xCD, as stale device memory would be. Accesses
-// that a GPU would fault on (a kernel or copy that leaves its device allocation, a host pointer
-// handed to a kernel, a free of memory that is not allocated) are recorded as faults and not
-// performed.
+constexpr int kInsufficientDriver = 35, kNoKernelImage = 209;  // cudaError_t values
+
+// Allocations are real heap blocks filled with 0xCD, as stale device memory would be, pitched
+// rows 512-byte aligned as a GPU's are. With deferKernels, kernels run when the default stream
+// is waited for (a synchronisation, a synchronous copy or fill, a free), not at their launch; the
+// fake NVENC, which reads its input at once, needs them run at launch. Accesses that a GPU
+// would fault on (a kernel or copy that leaves its device allocation, a host pointer handed to
+// a kernel, a free of memory that is not allocated or outside the context it was allocated in)
+// are recorded as faults and not performed.
 struct HostDevice {
     std::vector<std::string> faults;
+    // What the runtime answers at set-up and to the kernel check: kInsufficientDriver for a
+    // driver older than the runtime; kNoKernelImage for a GPU without our kernel images, where
+    // every launch fails with it too.
+    int runtimeFailure = 0;
+    bool noKernelImage = false;
+    bool deferKernels = false;
     size_t liveAllocations() const;
-    // The next call of `call` fails (allocations with out of memory, others with invalid value).
-    void failNext(HostCall call);
+    // The call of `call` after `after` more successful ones fails (allocations with out of
+    // memory, others with invalid value).
+    void failNext(HostCall call, unsigned after = 0);
     // Frees what is still allocated, clears faults, failures and the context stacks.
     void reset();
 };
@@ -123,6 +150,7 @@ HostDevice& hostDevice();
 
 // CUDA implementation of the packing launches, beside the kernels.
 int launchPackingOnGpu(const PackingLaunch& launch);
+int checkKernelsOnGpu();
 // Host implementation: the CPU twins' thread work over the launch's grid, without checks.
 void runPackingOnHost(const PackingLaunch& launch);
 

@@ -115,11 +115,19 @@ int nv12ToBgra(const uint8_t* nv12, int nv12Pitch, uint8_t* bgra, int bgraPitch,
     return cudaGetLastError();
 }
 
+// Without a driver the runtime answers as to one that is too old; the driver version tells them apart.
+int checkKernels() {
+    int driverVersion = 0;
+    cudaDriverGetVersion(&driverVersion);
+    return driverVersion ? checkKernelsOnGpu() : kNoDevice;
+}
+
 const Api kCudaApi = {getCurrentContext, setCurrentContext, pushContext,   popContext,
                       synchronize,       allocatePitch,     freePitched,   driverCopy2D,
                       driverErrorName,   allocate,          freeMemory,    copy,
                       copy2D,            fill,              isDevicePointer, launchPackingOnGpu,
-                      nv12ToBgra,        driverAllocate,    driverCopy2DAsync, streamSynchronize};
+                      nv12ToBgra,        driverAllocate,    driverCopy2DAsync, streamSynchronize,
+                      checkKernels};
 
 const Api* overrideApi = nullptr;
 
@@ -128,6 +136,23 @@ const Api* overrideApi = nullptr;
 const Api& cudaApi() { return kCudaApi; }
 
 const Api& api() { return overrideApi ? *overrideApi : kCudaApi; }
+
+int checkDeviceReady() {
+    const int runtime = api().synchronize();
+    const int kernels = api().checkKernels();
+    return kernels ? kernels : runtime;
+}
+
+// CUDA 13.0's minimum driver (NVIDIA's CUDA 13.0 release notes): 580.65.06 on Linux, 580.88 on
+// Windows.
+static_assert(CUDART_VERSION / 1000 == 13, "the driver named below is the minimum of CUDA 13");
+std::string deviceNotReadyText(int result) {
+    std::string text = cudaGetErrorString(static_cast<cudaError_t>(result));
+    if (result == kInsufficientDriver)
+        text += ": the CUDA 13 runtime in this library needs NVIDIA driver 580.65.06 (Linux) or 580.88 (Windows) or newer";
+    if (result == kNoKernelImage) text += ": the kernels of this library need a GPU of compute capability 7.5 or newer";
+    return text;
+}
 
 ScopedApi::ScopedApi(const Api& replacement) : previous_(overrideApi) { overrideApi = &replacement; }
 ScopedApi::~ScopedApi() { overrideApi = previous_; }

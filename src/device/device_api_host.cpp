@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 
 #include "kernels/colour_reference.h"
@@ -18,10 +19,16 @@ constexpr int kOutOfMemory = 2;
 constexpr int kIllegalAddress = 700;
 constexpr uint8_t kStaleByte = 0xCD;
 
+struct Allocation {
+    size_t bytes;
+    CUcontext context;  // current when it was made
+};
+
 struct HostState {
-    std::map<uintptr_t, size_t> allocations;  // start → bytes
-    std::array<bool, static_cast<size_t>(HostCall::Count)> failing{};
+    std::map<uintptr_t, Allocation> allocations;  // by start
+    std::array<unsigned, static_cast<size_t>(HostCall::Count)> failIn{};  // n: the n-th next call fails
     std::vector<CUcontext> contexts;  // the calling thread's stack; tests drive one thread
+    std::vector<std::function<void()>> defaultStream;  // kernels launched and not yet run
 };
 
 HostState& state() {
@@ -30,20 +37,31 @@ HostState& state() {
 }
 
 bool takeFailure(HostCall call) {
-    bool& failing = state().failing[static_cast<size_t>(call)];
-    const bool fails = failing;
-    failing = false;
-    return fails;
+    unsigned& failIn = state().failIn[static_cast<size_t>(call)];
+    return failIn && --failIn == 0;
+}
+
+CUcontext currentContext() { return state().contexts.empty() ? nullptr : state().contexts.back(); }
+
+// Runs the kernels queued on the default stream, as waiting for it would.
+void drainDefaultStream() {
+    for (const auto& kernel : state().defaultStream) kernel();
+    state().defaultStream.clear();
+}
+
+void defer(std::function<void()> kernel) {
+    state().defaultStream.push_back(std::move(kernel));
+    if (!hostDevice().deferKernels) drainDefaultStream();
 }
 
 // The allocation that holds `ptr`, or none.
-const std::pair<const uintptr_t, size_t>* allocationOf(const void* ptr) {
+const std::pair<const uintptr_t, Allocation>* allocationOf(const void* ptr) {
     const auto& allocations = state().allocations;
     const auto address = reinterpret_cast<uintptr_t>(ptr);
     auto it = allocations.upper_bound(address);
     if (it == allocations.begin()) return nullptr;
     --it;
-    return address < it->first + it->second ? &*it : nullptr;
+    return address < it->first + it->second.bytes ? &*it : nullptr;
 }
 
 // Device memory of `extent` bytes from ptr; a fault (named `what`) otherwise. Nothing is
@@ -51,7 +69,7 @@ const std::pair<const uintptr_t, size_t>* allocationOf(const void* ptr) {
 bool deviceRange(const void* ptr, size_t extent, const char* what) {
     if (extent == 0) return true;
     const auto* allocation = allocationOf(ptr);
-    if (allocation && reinterpret_cast<uintptr_t>(ptr) + extent <= allocation->first + allocation->second)
+    if (allocation && reinterpret_cast<uintptr_t>(ptr) + extent <= allocation->first + allocation->second.bytes)
         return true;
     hostDevice().faults.push_back(std::string("illegal address: ") + what);
     return false;
@@ -68,7 +86,7 @@ bool copyRanges(void* dst, const void* src, size_t dstExtent, size_t srcExtent, 
 }
 
 int getCurrentContext(CUcontext* context) {
-    *context = state().contexts.empty() ? nullptr : state().contexts.back();
+    *context = currentContext();
     return 0;
 }
 int setCurrentContext(CUcontext context) {
@@ -91,8 +109,15 @@ int popContext() {
 // The primary context that the runtime makes current on first use.
 int synchronize() {
     static int primaryContext;
+    if (const int failure = hostDevice().runtimeFailure) return failure;
     if (state().contexts.empty()) state().contexts.push_back(reinterpret_cast<CUcontext>(&primaryContext));
+    drainDefaultStream();
     return 0;
+}
+
+int checkKernels() {
+    const HostDevice& device = hostDevice();
+    return device.runtimeFailure ? device.runtimeFailure : device.noKernelImage ? kNoKernelImage : 0;
 }
 
 int allocate(void** ptr, size_t bytes) {
@@ -101,7 +126,7 @@ int allocate(void** ptr, size_t bytes) {
     void* block = std::malloc(bytes);
     if (!block) return kOutOfMemory;
     std::memset(block, kStaleByte, bytes);
-    state().allocations[reinterpret_cast<uintptr_t>(block)] = bytes;
+    state().allocations[reinterpret_cast<uintptr_t>(block)] = {bytes, currentContext()};
     *ptr = block;
     return 0;
 }
@@ -114,15 +139,20 @@ int freeMemory(void* ptr) {
         hostDevice().faults.push_back("free of memory that is not allocated");
         return kInvalidValue;
     }
+    if (it->second.context != currentContext()) {
+        hostDevice().faults.push_back("device memory freed outside the context it was allocated in");
+        return kInvalidValue;
+    }
+    drainDefaultStream();
     allocations.erase(it);
     std::free(ptr);
     return 0;
 }
 
-// Rows padded to a multiple of 64 bytes, as a GPU's pitched allocations are.
+// Rows padded to a multiple of 512 bytes, as a GPU's pitched allocations are.
 int allocatePitch(CUdeviceptr* ptr, size_t* pitch, size_t rowBytes, size_t rows, unsigned) {
     if (takeFailure(HostCall::AllocatePitch)) return kOutOfMemory;
-    *pitch = (rowBytes + 63) / 64 * 64;
+    *pitch = (rowBytes + 511) / 512 * 512;
     void* block = nullptr;
     const int result = allocate(&block, *pitch * rows);
     *ptr = reinterpret_cast<CUdeviceptr>(block);
@@ -139,6 +169,7 @@ int driverAllocate(CUdeviceptr* ptr, size_t bytes) {
 int copy2DChecked(HostCall call, void* dst, size_t dstPitch, const void* src, size_t srcPitch,
                   size_t rowBytes, size_t rows, CopyKind kind) {
     if (takeFailure(call)) return kInvalidValue;
+    drainDefaultStream();
     if (!copyRanges(dst, src, surfaceExtent(dstPitch, rows, rowBytes), surfaceExtent(srcPitch, rows, rowBytes),
                     kind))
         return kInvalidValue;
@@ -156,7 +187,11 @@ int driverCopy2DAsync(void* dst, size_t dstPitch, const void* src, size_t srcPit
                       CopyKind kind, CUstream) {
     return copy2DChecked(HostCall::DriverCopy2D, dst, dstPitch, src, srcPitch, rowBytes, rows, kind);
 }
-int streamSynchronize(CUstream) { return takeFailure(HostCall::StreamSynchronize) ? kInvalidValue : 0; }
+int streamSynchronize(CUstream) {
+    if (takeFailure(HostCall::StreamSynchronize)) return kInvalidValue;
+    drainDefaultStream();
+    return 0;
+}
 int copy2D(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t rowBytes, size_t rows,
            CopyKind kind) {
     return copy2DChecked(HostCall::Copy2D, dst, dstPitch, src, srcPitch, rowBytes, rows, kind);
@@ -165,12 +200,14 @@ int copy2D(void* dst, size_t dstPitch, const void* src, size_t srcPitch, size_t 
 int copy(void* dst, const void* src, size_t bytes, CopyKind kind) {
     if (takeFailure(HostCall::Copy)) return kInvalidValue;
     if (!copyRanges(dst, src, bytes, bytes, kind)) return kInvalidValue;
+    drainDefaultStream();
     if (bytes) std::memmove(dst, src, bytes);
     return 0;
 }
 
 int fill(void* dst, int value, size_t bytes) {
     if (!deviceRange(dst, bytes, "fill")) return kInvalidValue;
+    drainDefaultStream();
     std::memset(dst, value, bytes);
     return 0;
 }
@@ -205,6 +242,7 @@ KernelShape shapeOf(PackingKernel kernel) {
 // side h luma rows plus, where the kernel reaches it, the (h + 1) / 2 chroma rows.
 int launchPacking(const PackingLaunch& launch) {
     if (takeFailure(HostCall::Launch)) return kInvalidValue;
+    if (hostDevice().noKernelImage) return kNoKernelImage;
     const KernelShape shape = shapeOf(launch.kernel);
     const uint32_t w = launch.width, h = launch.height;
     const size_t sampleBytes = shape.code == packing::kUint16 ? 2 : shape.code == packing::kUint32 ? 4 : 1;
@@ -219,17 +257,18 @@ int launchPacking(const PackingLaunch& launch) {
                                 : deviceRange(launch.src, nv12Extent, "unpacking kernel NV12 frame") &
                                       deviceRange(launch.dst, callerExtent, "unpacking kernel destination");
     if (!ok) return kIllegalAddress;
-    runPackingOnHost(launch);
+    defer([launch] { runPackingOnHost(launch); });
     return 0;
 }
 
 int nv12ToBgra(const uint8_t* nv12, int nv12Pitch, uint8_t* bgra, int bgraPitch, int width, int height,
                int colourStandard) {
+    if (hostDevice().noKernelImage) return kNoKernelImage;
     const size_t w = width > 0 ? width : 0, h = height > 0 ? height : 0;
     if (!deviceRange(nv12, surfaceExtent(nv12Pitch, h + (h + 1) / 2, w), "colour kernel NV12 frame") ||
         !deviceRange(bgra, surfaceExtent(bgraPitch, h, 4 * w), "colour kernel destination"))
         return kIllegalAddress;
-    Nv12ToColor32_reference(nv12, nv12Pitch, bgra, bgraPitch, width, height, colourStandard);
+    defer([=] { Nv12ToColor32_reference(nv12, nv12Pitch, bgra, bgraPitch, width, height, colourStandard); });
     return 0;
 }
 
@@ -237,7 +276,8 @@ const Api kHostApi = {getCurrentContext, setCurrentContext, pushContext,   popCo
                       synchronize,       allocatePitch,     freePitched,   driverCopy2D,
                       driverErrorName,   allocate,          freeMemory,    copy,
                       copy2D,            fill,              isDevicePointer, launchPacking,
-                      nv12ToBgra,        driverAllocate,    driverCopy2DAsync, streamSynchronize};
+                      nv12ToBgra,        driverAllocate,    driverCopy2DAsync, streamSynchronize,
+                      checkKernels};
 
 }  // namespace
 
@@ -250,12 +290,15 @@ HostDevice& hostDevice() {
 
 size_t HostDevice::liveAllocations() const { return state().allocations.size(); }
 
-void HostDevice::failNext(HostCall call) { state().failing[static_cast<size_t>(call)] = true; }
+void HostDevice::failNext(HostCall call, unsigned after) { state().failIn[static_cast<size_t>(call)] = after + 1; }
 
 void HostDevice::reset() {
     for (const auto& allocation : state().allocations) std::free(reinterpret_cast<void*>(allocation.first));
     state() = HostState{};
     faults.clear();
+    runtimeFailure = 0;
+    noKernelImage = false;
+    deferKernels = false;
 }
 
 }  // namespace device

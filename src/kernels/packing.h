@@ -44,9 +44,9 @@ struct StagingBuffer {
 // Makes the buffer hold at least `size` bytes. The capacity is recorded before the allocation
 // runs, so a failed allocation leaves the new size recorded and a null pointer, which the next
 // call allocates again. The encoder side throws Exception with "Failed to allocate temporary
-// device memory" on failure; the decoder side does not check.
+// device memory" on failure; the decoder side returns the allocation's result.
 void growEncoderStaging(StagingBuffer& staging, uint32_t size);
-void growDecoderStaging(StagingBuffer& staging, uint32_t size);
+int growDecoderStaging(StagingBuffer& staging, uint32_t size);
 
 // Codes 1–5: packs the caller's image (host or device) into the NV12 frame at `frame` with
 // `framePitch`. Host input is staged row by row with the caller's pitch, so any pitch works.
@@ -62,7 +62,8 @@ void copyColourForEncode(const void* src, uint32_t srcPitch, void* frame, uint32
 // Unpacks a decoded NV12 frame (device memory) into `out` (host or device) in the caller's
 // layout; code 0 converts to BGRA with BT.709 and reads the frame with pitch `width`. Bytes of
 // the packed size that the kernel does not write (4-bit data of odd width) are zeroed.
-// Returns the packed size, 0 for an unknown code (nothing launched).
+// Returns the packed size once the result is in `out`; 0 for an unknown code (nothing
+// launched) and when the staging allocation, the kernel or the delivery failed.
 uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t framePitch, void* out,
                                uint32_t width, uint32_t height, StagingBuffer& staging);
 

@@ -22,6 +22,14 @@ ZOQRV_PACKING_KERNEL(nv12_to_uint16, packing::unpackSample<2>)
 ZOQRV_PACKING_KERNEL(uint32_to_nv12, packing::packSample<4>)
 ZOQRV_PACKING_KERNEL(nv12_to_uint32, packing::unpackSample<4>)
 
+// The colour kernels are built for the same GPUs, so one kernel answers for all of them.
+int device::checkKernelsOnGpu() {
+    cudaFuncAttributes attributes;
+    const int result = cudaFuncGetAttributes(&attributes, nv12_to_uint8);
+    if (result) cudaGetLastError();  // not to linger as the thread's last error
+    return result;
+}
+
 int device::launchPackingOnGpu(const PackingLaunch& launch) {
     using Kernel = void (*)(const unsigned char*, unsigned int, unsigned char*, unsigned int, unsigned int,
                             unsigned int);

@@ -52,7 +52,7 @@ void growEncoderStaging(StagingBuffer& staging, uint32_t size) {
     checkCudaRuntime(grow(staging, size), "Failed to allocate temporary device memory");
 }
 
-void growDecoderStaging(StagingBuffer& staging, uint32_t size) { grow(staging, size); }
+int growDecoderStaging(StagingBuffer& staging, uint32_t size) { return grow(staging, size); }
 
 void launchPackForEncode(uint32_t code, const void* src, uint32_t srcPitch, void* frame,
                          uint32_t framePitch, uint32_t width, uint32_t height,
@@ -94,28 +94,30 @@ uint32_t launchUnpackForDecode(uint32_t code, const void* frame, uint32_t frameP
     if (!packed && code != kColour32) return 0;
     const device::Api& api = device::api();
     const uint32_t size = packedSize(code, width, height);
-    void* destination = out;
     const bool staged = !api.isDevicePointer(out);
-    if (staged) {
-        growDecoderStaging(staging, size);
-        destination = staging.ptr;
-    }
+    // Departure: a staging buffer that cannot be allocated fails the call. The kernel would write
+    // through a null pointer: a sticky error that ends the context of every pipe in the process.
+    if (staged && growDecoderStaging(staging, size) != 0) return 0;
+    void* destination = staged ? staging.ptr : out;
+    int result = 0;
     if (packed) {
         const uint32_t pitch = tightPitch(code, width);
-        api.launchPacking({kernel, decodeGeometry(code, width, height), frame, framePitch, destination, pitch,
-                           width, height});
+        result = api.launchPacking({kernel, decodeGeometry(code, width, height), frame, framePitch, destination,
+                                    pitch, width, height});
         // 4-bit rows of odd width leave the packed size's last bytes unwritten: clear them so that
         // no stale device memory reaches the caller.
         const uint32_t written = pitch * height;
-        if (size > written) api.fill(static_cast<uint8_t*>(destination) + written, 0, size - written);
+        if (!result && size > written) result = api.fill(static_cast<uint8_t*>(destination) + written, 0, size - written);
     } else {
         // The decoded frame reaches the colour conversion tightly packed, pitch = width.
-        api.nv12ToBgra(static_cast<const uint8_t*>(frame), static_cast<int>(width),
-                       static_cast<uint8_t*>(destination), static_cast<int>(width * 4), static_cast<int>(width),
-                       static_cast<int>(height), 0);
+        result = api.nv12ToBgra(static_cast<const uint8_t*>(frame), static_cast<int>(width),
+                                static_cast<uint8_t*>(destination), static_cast<int>(width * 4),
+                                static_cast<int>(width), static_cast<int>(height), 0);
     }
-    if (staged) api.copy(out, staging.ptr, size, CopyKind::DeviceToHost);
-    return size;
+    // Departure: the result goes out only once the kernel has run, and only when it did. The host
+    // may read a device destination at once, on a stream or context of its own.
+    if (!result) result = staged ? api.copy(out, staging.ptr, size, CopyKind::DeviceToHost) : api.streamSynchronize(nullptr);
+    return result ? 0 : size;
 }
 
 bool packOnHost(uint32_t code, const void* src, uint32_t srcPitch, uint8_t* frame, uint32_t framePitch,

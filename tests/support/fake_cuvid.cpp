@@ -41,6 +41,7 @@ void place(const uint8_t* src, int stride, size_t w, size_t h, uint8_t* dst, siz
 // A decoded picture: NV12 of its coded size (pitch = coded width) and its sequence's format.
 struct Picture {
     CUVIDEOFORMAT format = {};
+    int64_t timestamp = 0;  // of its packet
     std::vector<uint8_t> nv12;
     uint32_t width() const { return format.coded_width; }
     uint32_t height() const { return format.coded_height; }
@@ -124,6 +125,7 @@ struct Parser {
     unsigned surfaces = 1;
     int nextPicture = 0;
     bool parsing = false;
+    std::vector<CUVIDPARSERDISPINFO> held;  // decoded, not yet displayed
 };
 struct Decoder {
     CUVIDDECODECREATEINFO info = {};
@@ -131,7 +133,7 @@ struct Decoder {
     std::set<unsigned long long> mapped;
 };
 struct State {
-    std::set<CUvideoctxlock> locks;
+    std::map<CUvideoctxlock, CUcontext> locks;
     std::map<CUvideoparser, Parser> parsers;
     std::map<CUvideodecoder, Decoder> decoders;
     const Picture* decoding = nullptr;  // the picture of the decode callback under way
@@ -152,7 +154,7 @@ Object* find(std::map<void*, Object>& objects, void* handle) {
 CUresult CUDAAPI ctxLockCreate(CUvideoctxlock* lock, CUcontext context) {
     ENTRY("cuvidCtxLockCreate");
     if (!context) return breach("context lock over no context");
-    state().locks.insert(*lock = static_cast<CUvideoctxlock>(newHandle()));
+    state().locks[*lock = static_cast<CUvideoctxlock>(newHandle())] = context;
     return CUDA_SUCCESS;
 }
 
@@ -168,7 +170,8 @@ CUresult CUDAAPI getDecoderCaps(CUVIDDECODECAPS* caps) {
     const unsigned yes = fake().supported.count(caps->eCodecType) &&
                          caps->eChromaFormat == cudaVideoChromaFormat_420 && caps->nBitDepthMinus8 == 0;
     caps->bIsSupported = caps->nNumNVDECs = caps->nOutputFormatMask = uint8_t(yes);
-    caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * 4096, caps->nMaxMBCount = yes * 65536;
+    caps->nMaxWidth = yes * fake().maxWidth, caps->nMaxHeight = yes * 4096, caps->nMaxMBCount = yes * fake().maxMBCount;
+    caps->nMinWidth = uint16_t(yes * fake().minWidth), caps->nMinHeight = uint16_t(yes * fake().minHeight);
     return CUDA_SUCCESS;
 }
 
@@ -180,6 +183,9 @@ CUresult CUDAAPI createDecoder(CUvideodecoder* handle, CUVIDDECODECREATEINFO* in
     if (info->ulNumDecodeSurfaces < 1 || info->ulNumDecodeSurfaces > 32 || info->ulNumOutputSurfaces < 1 ||
         info->ulTargetWidth % 2 || info->ulTargetHeight % 2 || !info->ulTargetWidth || !info->ulTargetHeight)
         return breach("decoder creation parameters");
+    if (info->ulWidth < fake().minWidth || info->ulHeight < fake().minHeight || info->ulWidth > fake().maxWidth ||
+        (info->ulWidth >> 4) * (info->ulHeight >> 4) > fake().maxMBCount)
+        return breach("decoder of a size the hardware does not decode", kNotSupported);
     Decoder& decoder = state().decoders[*handle = newHandle()];
     decoder.info = *info;
     decoder.surfaces.resize(info->ulNumDecodeSurfaces);
@@ -245,7 +251,11 @@ CUresult CUDAAPI mapVideoFrame(CUvideodecoder handle, int picture, unsigned long
 CUresult CUDAAPI unmapVideoFrame(CUvideodecoder handle, unsigned long long frame) {
     DECODER(handle);
     if (!decoder->mapped.erase(frame)) return breach("unmapped a frame that is not mapped");
+    // The driver frees the mapping in the context of the decoder's lock.
+    const auto lock = state().locks.find(decoder->info.vidLock);
+    const bool pushed = lock != state().locks.end() && device::api().pushContext(lock->second) == 0;
     device::api().free(reinterpret_cast<void*>(frame));
+    if (pushed) device::api().popContext();
     return CUDA_SUCCESS;
 }
 
@@ -266,6 +276,14 @@ CUresult CUDAAPI destroyParser(CUvideoparser handle) {
     return state().parsers.erase(handle) ? CUDA_SUCCESS : breach("unknown parser", kInvalidHandle);
 }
 
+// Displays what is held beyond `keep` pictures, oldest first.
+CUresult display(Parser& parser, size_t keep) {
+    const CUVIDPARSERPARAMS& p = parser.params;
+    for (; parser.held.size() > keep; parser.held.erase(parser.held.begin()))
+        if (!p.pfnDisplayPicture(p.pUserData, &parser.held.front())) return kUnknown;
+    return CUDA_SUCCESS;
+}
+
 CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures) {
     const CUVIDPARSERPARAMS& p = parser.params;
     for (const Picture& picture : pictures) {
@@ -283,9 +301,9 @@ CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures) {
         state().decoding = &picture;
         const int decoded = p.pfnDecodePicture(p.pUserData, &params);
         state().decoding = nullptr;
-        if (!decoded) continue;  // a picture that the client did not decode is not displayed either
-        CUVIDPARSERDISPINFO display = {params.CurrPicIdx, 1, 0, 0, 0};
-        if (!p.pfnDisplayPicture(p.pUserData, &display)) return kUnknown;
+        if (!decoded) return kUnknown;
+        parser.held.push_back({params.CurrPicIdx, 1, 0, 0, picture.timestamp});
+        if (const CUresult result = display(parser, fake().heldPictures)) return result;
     }
     return CUDA_SUCCESS;
 }
@@ -299,9 +317,11 @@ CUresult CUDAAPI parseVideoData(CUvideoparser handle, CUVIDSOURCEDATAPACKET* pac
     if (!endOfStream && (!packet->payload || !packet->payload_size)) return breach("empty packet");
     if (!(packet->flags & CUVID_PKT_ENDOFPICTURE)) return breach("the fake takes whole pictures only", kNotSupported);
     fake().packetTimestamps.push_back(packet->timestamp);
-    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size);
+    auto pictures = parser->decoder->decode(packet->payload, packet->payload_size);
+    for (Picture& picture : pictures) picture.timestamp = packet->timestamp;
     parser->parsing = true;
-    const CUresult result = parsePictures(*parser, pictures);
+    CUresult result = parsePictures(*parser, pictures);
+    if (endOfStream && !result) result = display(*parser, 0);
     parser->parsing = false;
     return result;
 }

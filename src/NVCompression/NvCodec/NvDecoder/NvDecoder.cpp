@@ -143,10 +143,12 @@ NvDecoder::NvDecoder(CUcontext cuContext, int, int, bool bUseDeviceFrame, cudaVi
     }
 }
 
+// The frames are freed with our context pushed, whatever the host has current, and the context is
+// popped only when the push worked: a pop after a failed push would take the host's own context
+// off its thread. Frames of a context that cannot be pushed stay with it.
 NvDecoder::~NvDecoder() {
     const device::Api& api = device::api();
-    api.pushContext(m_context);
-    api.popContext();
+    device::PushedContext context(api.pushContext(m_context) == 0);
     if (m_hParser) cuvidDestroyVideoParser(m_hParser);
     if (m_hDecoder) {
         std::unique_lock<std::mutex> lock = LockExternal();
@@ -155,13 +157,11 @@ NvDecoder::~NvDecoder() {
     {
         std::lock_guard<std::mutex> pool(m_poolMutex);
         for (uint8_t* frame : m_frames) {
-            if (m_deviceFrames) {
-                std::unique_lock<std::mutex> lock = LockExternal();
-                api.pushContext(m_context);
-                api.freePitched(reinterpret_cast<CUdeviceptr>(frame));
-                api.popContext();
-            } else {
+            if (!m_deviceFrames) {
                 delete[] frame;
+            } else if (context.pushed()) {
+                std::unique_lock<std::mutex> lock = LockExternal();
+                api.freePitched(reinterpret_cast<CUdeviceptr>(frame));
             }
         }
     }
@@ -226,16 +226,19 @@ int NvDecoder::HandleVideoSequence(CUVIDEOFORMAT* pVideoFormat) {
         CUDA_DRVAPI_CALL(context.pop());
     }
     if (!decodecaps.bIsSupported) NVDEC_THROW_ERROR("Codec not supported on this GPU", kNotSupported);
-    if (format.coded_width > decodecaps.nMaxWidth || format.coded_height > decodecaps.nMaxHeight) {
+    // Departure: the minimum size is checked too; the driver refuses a decoder below it.
+    const bool tooSmall = format.coded_width < decodecaps.nMinWidth || format.coded_height < decodecaps.nMinHeight;
+    if (tooSmall || format.coded_width > decodecaps.nMaxWidth || format.coded_height > decodecaps.nMaxHeight) {
         std::ostringstream text;
-        text << std::endl
-             << "Resolution          : " << format.coded_width << "x" << format.coded_height << std::endl
-             << "Max Supported (wxh) : " << decodecaps.nMaxWidth << "x" << decodecaps.nMaxHeight << std::endl
-             << "Resolution not supported on this GPU";
+        text << std::endl << "Resolution          : " << format.coded_width << "x" << format.coded_height << std::endl;
+        if (tooSmall) text << "Min Supported (wxh) : " << decodecaps.nMinWidth << "x" << decodecaps.nMinHeight;
+        else text << "Max Supported (wxh) : " << decodecaps.nMaxWidth << "x" << decodecaps.nMaxHeight;
+        text << std::endl << "Resolution not supported on this GPU";
         NVDEC_THROW_ERROR(text.str(), kNotSupported);
     }
     // A picture beyond the macroblock limit makes no decoder and no error: the parser goes on,
     // and no frame ever comes out. Unlike the resolution check, this path stays silent.
+    // (The decode and display callbacks then drop the pictures.)
     if ((format.coded_width >> 4) * (format.coded_height >> 4) > decodecaps.nMaxMBCount) return nDecodeSurface;
     // A later sequence (a new size among them) leaves the decoder as it is.
     if (m_width && m_height) return nDecodeSurface;
@@ -304,9 +307,13 @@ int NvDecoder::HandleVideoSequence(CUVIDEOFORMAT* pVideoFormat) {
     return nDecodeSurface;
 }
 
+// Without a decoder (a picture beyond the macroblock limit) the picture is dropped, silently. The
+// parser takes a 0 from a callback for a failure and ends the parse with an error, so the
+// picture counts as handled, and its display is skipped too.
 int NvDecoder::HandlePictureDecode(CUVIDPICPARAMS* pPicParams) {
-    if (!m_hDecoder) return 0;
+    if (!m_hDecoder) return 1;
     cuvidDecodePicture(m_hDecoder, pPicParams);
+    ++m_picturesDecoded;
     return 1;
 }
 
@@ -337,6 +344,7 @@ uint8_t* NvDecoder::NextPoolFrame() {
 }
 
 int NvDecoder::HandlePictureDisplay(CUVIDPARSERDISPINFO* pDispInfo) {
+    if (!m_hDecoder) return 1;
     CUVIDPROCPARAMS videoProcessingParameters = {};
     videoProcessingParameters.progressive_frame = pDispInfo->progressive_frame;
     videoProcessingParameters.second_field = pDispInfo->repeat_first_field + 1;
@@ -384,6 +392,7 @@ bool NvDecoder::Decode(const uint8_t* pData, int nSize, uint8_t*** pppFrame, int
         return false;
     }
     m_decodedCount = 0;
+    m_picturesDecoded = 0;
     CUVIDSOURCEDATAPACKET packet = {};
     packet.payload = pData;
     packet.payload_size = nSize > 0 ? nSize : 0;

@@ -43,6 +43,8 @@ public:
     int GetBpp() const { return m_bitDepthMinus8 ? 2 : 1; }
     int GetDeviceFramePitch() const { return m_framePitch ? int(m_framePitch) : m_width * GetBpp(); }
     int GetFrameSize() const;
+    // Pictures the last Decode call decoded, displayed or held back for display later.
+    int GetDecodedPictureCount() const { return m_picturesDecoded; }
     // The "Video Input Information" and "Video Decoding Params:" blocks of the sequences seen.
     std::string GetVideoInfo() const { return m_info.str(); }
 
@@ -78,6 +80,7 @@ private:
     std::vector<uint8_t*> m_framesReturned;
     std::vector<int64_t> m_timestamps;
     int m_decodedCount = 0;
+    int m_picturesDecoded = 0;
     std::mutex m_poolMutex;
     int m_framesAllocated = 0;
     CUstream m_stream = nullptr;
