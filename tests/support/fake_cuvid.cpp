@@ -41,7 +41,6 @@ void place(const uint8_t* src, int stride, size_t w, size_t h, uint8_t* dst, siz
 // A decoded picture: NV12 of its coded size (pitch = coded width) and its sequence's format.
 struct Picture {
     CUVIDEOFORMAT format = {};
-    int64_t timestamp = 0;  // of its packet
     std::vector<uint8_t> nv12;
     uint32_t width() const { return format.coded_width; }
     uint32_t height() const { return format.coded_height; }
@@ -284,7 +283,7 @@ CUresult display(Parser& parser, size_t keep) {
     return CUDA_SUCCESS;
 }
 
-CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures) {
+CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, int64_t timestamp) {
     const CUVIDPARSERPARAMS& p = parser.params;
     for (const Picture& picture : pictures) {
         const CUVIDEOFORMAT& f = picture.format;
@@ -302,7 +301,7 @@ CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures) {
         const int decoded = p.pfnDecodePicture(p.pUserData, &params);
         state().decoding = nullptr;
         if (!decoded) return kUnknown;
-        parser.held.push_back({params.CurrPicIdx, 1, 0, 0, picture.timestamp});
+        parser.held.push_back({params.CurrPicIdx, 1, 0, 0, timestamp});
         if (const CUresult result = display(parser, fake().heldPictures)) return result;
     }
     return CUDA_SUCCESS;
@@ -317,10 +316,9 @@ CUresult CUDAAPI parseVideoData(CUvideoparser handle, CUVIDSOURCEDATAPACKET* pac
     if (!endOfStream && (!packet->payload || !packet->payload_size)) return breach("empty packet");
     if (!(packet->flags & CUVID_PKT_ENDOFPICTURE)) return breach("the fake takes whole pictures only", kNotSupported);
     fake().packetTimestamps.push_back(packet->timestamp);
-    auto pictures = parser->decoder->decode(packet->payload, packet->payload_size);
-    for (Picture& picture : pictures) picture.timestamp = packet->timestamp;
+    const auto pictures = parser->decoder->decode(packet->payload, packet->payload_size);
     parser->parsing = true;
-    CUresult result = parsePictures(*parser, pictures);
+    CUresult result = parsePictures(*parser, pictures, packet->timestamp);
     if (endOfStream && !result) result = display(*parser, 0);
     parser->parsing = false;
     return result;

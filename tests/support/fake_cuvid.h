@@ -2,10 +2,10 @@
 // and display callbacks as the interface's comments describe, synchronously inside
 // cuvidParseVideoData, takes a 0 from one for a failure, and can hold pictures back as a decoder
 // of a stream that reorders does. It takes packets of whole pictures without a display delay, as
-// NvDecoder sends them, and refuses others, and decoders outside its sizes. Its decoder keeps
-// coded-size surfaces; a mapped frame is
-// host-table device memory with a pitch wider than the picture and the chroma plane below the
-// whole target height. Handles, call order and map/unmap pairing are checked; breaches go to `faults`.
+// NvDecoder sends them, and refuses others and decoders outside its sizes. Its decoder keeps
+// coded-size surfaces; a mapped frame is host-table device memory with a pitch wider than the
+// picture and the chroma plane below the whole target height. Handles, call order and map/unmap
+// pairing are checked; breaches go to `faults`.
 #pragma once
 
 #include <map>
