@@ -104,6 +104,7 @@ TEST(EncCapabilities, ProbeAgainstFakeDrivers) {
         {0x81, false, "", 1, 0}, {0xB1, true, "", 1, 1},
         {0x80, true, "", 0, 0},                          // a driver older than NVENC 8.1
         {0xB1, true, "nvEncOpenEncodeSessionEx", 0, 0},  // no encoder: its failed session is destroyed too
+        {0xB1, true, "runtime", 0, 0},                   // a driver older than the runtime: no kernels
         {0xB1, true, "load", 0, 0}};                     // no NVENC
     for (const auto& [version, hevc, failing, h264Flag, hevcFlag] : cases) {
         SCOPED_TRACE(testing::Message() << version << " " << hevc << " " << failing);
@@ -111,6 +112,7 @@ TEST(EncCapabilities, ProbeAgainstFakeDrivers) {
         fake.maxVersion = version;
         fake.hevc = hevc;
         fake.failing[failing] = NV_ENC_ERR_NO_ENCODE_DEVICE;
+        device::hostDevice().runtimeFailure = std::string(failing) == "runtime" ? device::kInsufficientDriver : 0;
         DriverApi api = fake.driverApi();
         api.cuda = &cuda;
         ScopedDriverApi scoped(api);

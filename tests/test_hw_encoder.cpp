@@ -111,6 +111,7 @@ TEST_F(Encoding, SetUpsThatFailLeaveNothingBehind) {
         {"", 0xB1, 0, 1, 30, 2, true, true, false, 2, "nvEncInitializeEncoder(m_hEncoder, &m_initializeParams) returned error 8"},
         {"", 0xB1, 0, 1, 30, 7, true, true, false, 1, "nvEncRegisterResource(m_hEncoder, &registerResource) returned error 8"},
         {"load", 0xB1, 0, 1, 30, 8, true, true, false, 0, "NVENC library file is not found"},
+        {"runtime", 0xB1, 0, 1, 30, 8, true, true, false, 0, "needs NVIDIA driver"},  // a driver older than the runtime
         {"nvEncOpenEncodeSessionEx", 0xB1, 0, 1, 30, 8, true, true, false, 0, "nvEncOpenEncodeSessionEx(&encodeSessionExParams, &hEncoder) returned error 10"},
         {"nvEncGetEncodePresetConfig", 0xB1, 0, 1, 30, 8, true, true, true, 1, ""},
         {"nvEncInitializeEncoder", 0xB1, 0, 1, 30, 8, true, true, false, 2, "m_nvenc.nvEncInitializeEncoder(m_hEncoder, &m_initializeParams) returned error 10"},
@@ -119,6 +120,7 @@ TEST_F(Encoding, SetUpsThatFailLeaveNothingBehind) {
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.failingEntry << " " << c.maxVersion << " codec " << c.codec << " height " << c.height);
         renew().failing = {{c.failingEntry, NV_ENC_ERR_OUT_OF_MEMORY}};
+        device::hostDevice().runtimeFailure = std::string(c.failingEntry) == "runtime" ? device::kInsufficientDriver : 0;
         fake.maxVersion = c.maxVersion;
         fake.legacyPresets = c.legacyPresets;
         fake.hevc = c.hevc;

@@ -262,12 +262,12 @@ ZOHW_API uint32_t ZOHW_GetEncCapabilities(uint32_t* h264Supported, uint32_t* hev
     // Results of the set-up are not checked: a failed one shows as no encoder and as
     // the result of the context destruction.
     api.cuda->cuInit(0);
-    // The host's runtime device is put back afterwards. A runtime too new for the driver could
-    // not run the encoder's kernels, so it means no encoder at all.
+    // The host's runtime device is put back afterwards. Where our kernels cannot run (a driver
+    // older than the runtime, a GPU without our kernel images) there is no encoder at all.
     int hostDevice = 0;
     const bool hostHasDevice = cudaGetDevice(&hostDevice) == cudaSuccess;
     cudaSetDevice(0);
-    const bool runtimeWorks = device::api().synchronize() != cudaErrorInsufficientDriver;
+    const bool runtimeWorks = device::checkDeviceReady() == 0;
     CUdevice device = 0;
     api.cuda->cuDeviceGet(&device, 0);
     CUcontext context = nullptr;

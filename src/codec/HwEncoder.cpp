@@ -48,9 +48,10 @@ bool HwEncoder::setUpSession(uint32_t width, uint32_t height) {
         output.clear();
         return false;
     }
-    const device::Api& api = device::api();
-    api.synchronize();
-    api.getCurrentContext(&context);
+    // Where our kernels cannot run, every packing launch would fail unseen and stale device
+    // memory would be encoded.
+    if (const int notReady = device::checkDeviceReady()) return printSetUpFailure(device::deviceNotReadyText(notReady));
+    device::api().getCurrentContext(&context);
     if (codec == 1 && !probeEncoderCapabilities(context).hevc) return false;
     // The low-latency VBV size divides by the frame rate.
     if (lossless != 1 && frameRate == 0) return false;
