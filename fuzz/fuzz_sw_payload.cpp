@@ -1,5 +1,6 @@
 // Record payloads alone into the software decoder: up to four payloads, separated by the bytes
-// "QRVNEXT", are stored as the records of a file and decoded in order. Every record read must
+// "QRVNEXT", are stored as the records of a file and decoded in order, by the H.264 decoder when
+// the first payload is H.264 (as annexBDetectCodec tells), else by the HEVC one. Every record read must
 // return within the decoder's deadline for one picture.
 //
 // Input: u16 width - 1, u16 height - 1 (modulo 1024), then the payloads.
@@ -32,7 +33,7 @@ std::vector<std::vector<uint8_t>> splitPayloads(const std::vector<uint8_t>& byte
 }
 
 // The file a recorder writes for these payloads: 64 metadata words each, key frames marked.
-std::vector<uint8_t> recordingOf(const std::vector<std::vector<uint8_t>>& payloads) {
+std::vector<uint8_t> recordingOf(const std::vector<std::vector<uint8_t>>& payloads, AnnexBCodec codec) {
     char* buffer = nullptr;
     size_t bytes = 0;
     FILE* stream = open_memstream(&buffer, &bytes);
@@ -41,7 +42,7 @@ std::vector<uint8_t> recordingOf(const std::vector<std::vector<uint8_t>>& payloa
     std::vector<QrvIndexEntry> index;
     for (size_t i = 0; i < payloads.size(); ++i) {
         const std::vector<uint8_t>& payload = payloads[i];
-        const bool key = annexBHasRandomAccessPicture(payload.data(), payload.size(), AnnexBCodec::Hevc);
+        const bool key = annexBHasRandomAccessPicture(payload.data(), payload.size(), codec);
         const uint32_t frameType = key ? kKeyFrameType : 0;
         index.push_back({uint64_t(qrvTell(stream)), frameType, 0});
         metadata[0] = uint32_t(i);
@@ -61,10 +62,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     InputReader in(data, size);
     const PipeSize pipeSize = readPipeSize(in);
     const std::vector<std::vector<uint8_t>> payloads = splitPayloads(in.rest());
-    std::vector<uint8_t> bytes = recordingOf(payloads);
+    const std::vector<uint8_t>& first = payloads.front();
+    const bool h264 = annexBDetectCodec(first.data(), first.size()) == AnnexBCodec::H264;
+    std::vector<uint8_t> bytes = recordingOf(payloads, h264 ? AnnexBCodec::H264 : AnnexBCodec::Hevc);
     MemoryFile file = openMemory(bytes);
 
-    SwDecoder decoder(pipeSize.width, pipeSize.height, 0);
+    SwDecoder decoder(pipeSize.width, pipeSize.height, 0, h264 ? 0 : 1);
     if (!decoder.isReady() || !decoder.readIndex(file.get())) abort();  // a file written as above
     std::vector<uint8_t> frame(size_t(pipeSize.width) * pipeSize.height * 2);
     uint8_t sampleInfo[sizeof(QrvSampleInfo)];

@@ -82,7 +82,7 @@ public:
         std::tie(width, height) = size ? *size : Size{header.width, header.height};
         checkGeometry(kind, width, height);
         pictureWidth = packing::pictureWidth(kind, width);
-        decoder = std::make_unique<SwDecoder>(pictureWidth, height, 0);
+        decoder = std::make_unique<SwDecoder>(pictureWidth, height, 0, 1);
         if (!decoder->isReady() || !decoder->readIndex(file.get()))
             throw std::runtime_error("libde265 could not start a decoder");
         picture.resize(size_t(pictureWidth) * height * 2);

@@ -19,11 +19,12 @@ done
 streams="$out/streams"
 mkdir -p "$streams" "$out"/fuzz_{qrv_file,qrv_file_hw,sw_payload,annexb_zoqrv,seek_stress,allocation_failure}
 
-# seed NAME CODEC WIDTH HEIGHT FRAMES KEYINT: NAME.hevc or NAME.h264 and NAME.qrv.
+# seed NAME CODEC WIDTH HEIGHT FRAMES KEYINT [libx264 options...]: NAME.hevc or NAME.h264 and NAME.qrv.
 seed() {
   local name=$1 codec=$2 width=$3 height=$4 frames=$5 keyint=$6
+  shift 6
   local stream="$streams/$name.$codec"
-  local encoder=(-c:v libx264 -preset ultrafast -g "$keyint" -keyint_min "$keyint" -sc_threshold 0 -bf 0 -f h264)
+  local encoder=(-c:v libx264 -preset ultrafast -g "$keyint" -keyint_min "$keyint" -sc_threshold 0 -bf 0 "$@" -f h264)
   # 16 x 16 coding tree units: x265 needs a picture of at least one.
   [ "$codec" = hevc ] && encoder=(-c:v libx265 -preset ultrafast -f hevc -x265-params
     "log-level=error:info=0:ctu=16:min-cu-size=8:keyint=$keyint:min-keyint=$keyint:scenecut=0:bframes=0:repeat-headers=1")
@@ -42,6 +43,8 @@ seed() {
   seed hevc_200x120 hevc 200 120 5 5
   seed h264_64x48 h264 64 48 6 3
   seed h264_odd_35x19 h264 35 19 3 3
+  # Lossless: High 4:4:4 Predictive, which hardware pipes decode on the CPU.
+  seed h264_lossless_48x32 h264 48 32 4 2 -qp 0
 } >"$streams/list.txt"
 
 # Each harness's input: the pipe size (width - 1 and height - 1 as u16) before the data.
@@ -62,15 +65,16 @@ for line in (streams / "list.txt").read_text().split("\n"):
     qrv = streams / f"{name}.qrv"
     # Read three records, seek to sample 2 and read, ask sample 1's time and metadata, seek to 0.
     operations = bytes([0, 0, 0, 0x43, 0, 0x82, 0xC2, 0x41])
-    (out / "fuzz_qrv_file" / name).write_bytes(size + operations + qrv.read_bytes())
+    # Bit 15 of the width asks for an H.264 pipe.
+    h264_size = struct.pack("<HH", int(width) - 1 | (0 if name.startswith("hevc") else 0x8000), int(height) - 1)
+    (out / "fuzz_qrv_file" / name).write_bytes(h264_size + operations + qrv.read_bytes())
     # On hardware pipes of 8-bit samples and of colour images: seek to sample 0 first (past the
     # header), then as above.
     codec = 1 if name.startswith("hevc") else 0
     for data_format in (3, 0):
         (out / "fuzz_qrv_file_hw" / f"{name}_{data_format}").write_bytes(
             size + bytes([codec | data_format << 1, 0x41]) + operations[1:] + qrv.read_bytes())
-    if name.startswith("hevc"):
-        (out / "fuzz_sw_payload" / name).write_bytes(size + b"QRVNEXT".join(list(records(qrv))[:4]))
+    (out / "fuzz_sw_payload" / name).write_bytes(size + b"QRVNEXT".join(list(records(qrv))[:4]))
     for path in streams.glob(name + ".*"):
         if path.suffix != ".txt": (out / "fuzz_annexb_zoqrv" / path.name).write_bytes(path.read_bytes())
 PY

@@ -2,7 +2,9 @@
 // table, with x265 and x264 streams (some with a coded size larger than their display area)
 // against ffmpeg's decode: every data format in order, the seek limit, retries, texts, capability
 // refusals and cleanup when any driver call fails. The same pipes on a real GPU.
+#include <fstream>
 #include <memory>
+#include <numeric>
 
 #include "kernels/colour_reference.h"
 #include "kernels/packing.h"
@@ -260,6 +262,88 @@ TEST_F(Decoding, APipeWiderThanThePictureFailsTheCall) {
         EXPECT_EQ(ZOHW_Decode(decoderPipe(code, 1, width, 120).get(), payloads[0].data(), payloads[0].size(), out.data()),
                   1u);
 }
+
+// Data of format `code` carried by lossless H.264: libx264 -qp 0 (High 4:4:4 Predictive) on the NV12
+// pictures the CPU twins pack, odd sizes padded by repeating the last row; wrapped by `zoqrv import`.
+struct LosslessRecording {
+    std::vector<Bytes> data;
+    HevcStream stream;  // of the padded picture, with ffmpeg's decode
+};
+LosslessRecording losslessRecording(uint32_t code, uint32_t w, uint32_t h, uint32_t frames, uint32_t keyint) {
+    const uint32_t W = packing::nv12Pitch(packing::pictureWidth(code, w)), H = h + (h & 1);
+    const std::string dir = makeTestDirectory();
+    LosslessRecording r{{}, {dir + "/lossless.qrv", dir + "/lossless.yuv", W, H, frames, keyint}};
+    std::ofstream raw(dir + "/lossless.nv12", std::ios::binary);
+    for (uint32_t i = 0; i < frames; ++i) {
+        Bytes d = randomBytes(packing::packedSize(code, w, h), code * 100 + i), nv12(packing::nv12Bytes(W, h), 0);
+        for (size_t k = 0; k < d.size(); ++k) d[k] = uint8_t(k / 5 + 9 * i) ^ (d[k] & 0x07);  // noise of 3 bits
+        packing::packOnHost(code, d.data(), packing::tightPitch(code, w), nv12.data(), W, w, h);
+        raw.write(reinterpret_cast<const char*>(nv12.data()), std::streamsize(W) * h);
+        raw.write(reinterpret_cast<const char*>(nv12.data() + W * (h - 1)), (h & 1) * std::streamsize(W));
+        raw.write(reinterpret_cast<const char*>(nv12.data() + W * h), std::streamsize(nv12.size() - W * h));
+        r.data.push_back(d);
+    }
+    raw.close();
+    const std::string ff = "ffmpeg -nostdin -loglevel error -y ", k = std::to_string(keyint);
+    EXPECT_EQ(runCommand(ff + "-f rawvideo -pix_fmt nv12 -s " + std::to_string(W) + "x" + std::to_string(H) + " -i " + dir +
+                         "/lossless.nv12 -c:v libx264 -preset ultrafast -qp 0 -bf 0 -sc_threshold 0 -g " + k +
+                         " -keyint_min " + k + " -f h264 " + dir + "/lossless.h264 && " + ZOQRV_BINARY_DIR +
+                         "/tools/zoqrv import " + dir + "/lossless.h264 " + r.stream.qrvPath + " --fps 25 --header 16 >/dev/null && " +
+                         ff + "-i " + dir + "/lossless.h264 -pix_fmt yuv420p -f rawvideo " + r.stream.yuvPath), 0);
+    return r;
+}
+
+// A lossless H.264 recording, which the fake CUVID decodes wrongly without a word (as a GPU might):
+// a hardware pipe decodes it on the CPU into the caller's format, to host or device memory, and a
+// software pipe as ffmpeg does; both give the data back bit for bit, in order across GOPs and after a
+// seek into the second GOP.
+struct LosslessCase {
+    uint32_t code, w, h;
+};
+class LosslessH264 : public Decoding, public testing::WithParamInterface<LosslessCase> {};
+
+TEST_P(LosslessH264, RoundTripsBitForBit) {
+    const auto [code, w, h] = GetParam();
+    const LosslessRecording r = losslessRecording(code, w, h, 7, 3);
+    const std::vector<Bytes> yuyv = r.stream.pictures();
+    const uint32_t W = r.stream.width, bytes = packing::packedSize(code, w, h);
+    DeviceBuffer device(Bytes(bytes, 0));
+    const Bytes first = r.stream.payloads()[0];
+    EXPECT_EQ(ZOHW_Decode(decoderPipe(code, 0, w, h).get(), first.data(), first.size(), device.get()), 0u);
+    EXPECT_TRUE(device.download() == r.data[0]) << "to device memory";
+    for (const uint32_t type : {kHardware, kSoftware}) {
+        SCOPED_TRACE(type);
+        fake.supported = type == kHardware ? fake.supported : std::set<cudaVideoCodec>{};
+        // The software pipe writes YUYV of the whole picture, which carries the data in its luma.
+        Pipe p = type == kHardware ? decoderPipe(code, 0, w, h) : decoderPipe(code, 0, W, r.stream.height);
+        ASSERT_EQ(ZOHW_GetDecoderType(p.get()), type);
+        TestFile f(fopen(r.stream.qrvPath.c_str(), "rb"));
+        ASSERT_EQ(ZOHW_CreateQRVTracker(p.get(), f.get()) + ZOHW_SetHEVCPositionInFile(p.get(), f.get(), 0), 0u);
+        // In order (the hardware reader never delivers the last record), then after a seek to sample 4.
+        std::vector<uint32_t> order(type == kHardware ? 6 : 7);
+        std::iota(order.begin(), order.end(), 0u);
+        order.insert(order.end(), {4, 5});
+        for (size_t n = 0; n < order.size(); ++n) {
+            const uint32_t i = order[n];
+            if (n + 2 == order.size()) { ASSERT_EQ(ZOHW_SetHEVCPositionInFile(p.get(), f.get(), 4), 0u); }
+            const DecodedFrame d = decodeNext(p.get(), f.get(), type == kHardware ? bytes : yuyv[0].size());
+            ASSERT_EQ(d.status, 0u) << "record " << i;
+            EXPECT_EQ(d.number, i + 1);
+            Bytes data = d.data;
+            if (type == kSoftware) {
+                EXPECT_TRUE(d.data == yuyv[i]) << "record " << i << " differs from ffmpeg's picture";
+                packing::unpackYuyvOnHost(code, d.data.data(), W, data.data(), w, h);
+                data.resize(bytes);
+            }
+            EXPECT_TRUE(data == r.data[i]) << "record " << i;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EvenAndOddSizes, LosslessH264,
+                         testing::Values(LosslessCase{2, 64, 48}, LosslessCase{2, 38, 29}, LosslessCase{3, 64, 48},
+                                         LosslessCase{3, 37, 29}, LosslessCase{4, 32, 24}, LosslessCase{4, 37, 29},
+                                         LosslessCase{5, 32, 32}, LosslessCase{5, 37, 29}));
 
 // On a real GPU through the NVIDIA driver; skipped where no GPU decodes the codec.
 class GpuDecoding : public testing::TestWithParam<std::tuple<StreamCase, uint32_t>> {};

@@ -10,9 +10,10 @@
 #include "zo_qrv64.h"
 
 namespace {
-// A software decoding pipe (data format 1, HEVC) on one open file, at its first record.
+// A software decoding pipe (data format 1, HEVC unless codec says 0: H.264) on one open file, at its first record.
 struct SwPipe {
-    SwPipe(FILE* file, uint32_t w, uint32_t h) : file(file), w(w), h(h), pipe(decoderPipe(1, 1, w, h)) {
+    SwPipe(FILE* file, uint32_t w, uint32_t h, uint32_t codec = 1)
+        : file(file), w(w), h(h), pipe(decoderPipe(1, codec, w, h)) {
         const int start = 0;
         EXPECT_EQ(ZOHW_GetDecoderType(pipe.get()), 2u);
         EXPECT_FALSE(ZOHW_StartDecoding(pipe.get(), &start) || ZOHW_CreateQRVTracker(pipe.get(), file) || seek(0));
@@ -50,15 +51,17 @@ QrvBuilder recordsOf(const std::vector<Bytes>& payloads, uint32_t keyint) {
 }  // namespace
 
 // Every record in order, for widths that are and are not multiples of 16, a picture cropped by the
-// conformance window and a file of one record; then the sample queries and null streams.
+// conformance window (x264 codes whole macroblocks) and a file of one record; then the sample queries
+// and null streams.
 TEST(SwDecoding, SequentialReadingDeliversEveryRecordAsFfmpegDecodesIt) {
-    for (const char* name : {"gop5_200x120", "gop3_208x120", "gop4_198x118", "single_200x120"}) {
+    for (auto [set, name] : {std::pair{"tests", "gop5_200x120"}, {"tests", "gop3_208x120"}, {"tests", "gop4_198x118"},
+                             {"tests", "single_200x120"}, {"h264", "h264_gop5_200x120"}, {"h264", "h264_gop4_198x118"}}) {
         SCOPED_TRACE(name);
-        const HevcStream s = hevcStream(name);
+        const HevcStream s = hevcStream(name, set);
         const std::vector<Bytes> pictures = s.pictures();
         ASSERT_EQ(pictures.size(), s.frames);
         TestFile file(fopen(s.qrvPath.c_str(), "rb"));
-        SwPipe pipe(file.get(), s.width, s.height);
+        SwPipe pipe(file.get(), s.width, s.height, std::string(set) == "h264" ? 0 : 1);
         ZoHwPipe* p = pipe.pipe.get();
         for (size_t i = 0; i < s.frames; ++i) expectRecord(pipe.decode(), i, s.keyint, pictures);
         EXPECT_EQ(pipe.decode().status, 1u) << "a record after the last";

@@ -136,15 +136,18 @@ ZOHW_API ZoHwPipe* ZOHW_CreateDecoder(uint32_t dataFormat, uint32_t codec, uint3
     if (pipe) {
         pipe->hwDecoder = makeCodecObject<HwDecoder>(dataFormat, codec, width, height);
         const bool hardware = pipe->hwDecoder && pipe->hwDecoder->isReady();
-        if (!hardware) pipe->swDecoder = makeCodecObject<SwDecoder>(width, height, swReserved);
+        if (!hardware) pipe->swDecoder = makeCodecObject<SwDecoder>(width, height, swReserved, codec);
         if (hardware || (pipe->swDecoder && pipe->swDecoder->isReady())) {
             pipe->width = width;
             pipe->height = height;
             return pipe.release();
         }
     }
-    setLibraryError(kDecoderUnsupported);
-    std::cout << kDecoderUnsupported << std::endl;
+    // A software decoder that lacks its library says which one.
+    const char* missing = pictureDecoderMissingText(codec);
+    const char* failure = missing ? missing : kDecoderUnsupported;
+    setLibraryError(failure);
+    std::cout << failure << std::endl;
     return nullptr;
 }
 

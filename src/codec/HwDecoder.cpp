@@ -1,8 +1,10 @@
 #include "codec/HwDecoder.h"
 
 #include <climits>
+#include <cstring>
 #include <iostream>
 
+#include "container/annexb.h"
 #include "device/device_api.h"
 
 namespace {
@@ -10,6 +12,8 @@ namespace {
 // A sample that the decoder did not take a picture from is offered this many times before it
 // counts as giving no picture.
 constexpr int kDecodeAttempts = 3;
+// H.264 High 4:4:4 Predictive, the profile of lossless streams from NVENC and libx264.
+constexpr int kH264LosslessProfile = 244;
 
 }  // namespace
 
@@ -70,6 +74,15 @@ bool HwDecoder::create(uint32_t codec_, uint32_t w, uint32_t h) {
 uint32_t HwDecoder::decode(const uint8_t* sample, uint64_t sampleBytes, void* out) {
     // A wrapper that is not ready has no decoder; a packet size must fit the parser's int.
     if (!decoder || sampleBytes > uint64_t(INT_MAX)) return 0;
+    // Deliberate departure: NVDEC's documented H.264 profiles are Baseline, Main and High, and
+    // its capability query names no profile, so a GPU may decode a lossless stream wrongly
+    // without an error. The profile is read from each sequence parameter set, and such streams
+    // are decoded on the CPU; the pipe stays a hardware pipe with the same output.
+    if (codec == 0) {
+        const int profile = h264SequenceProfile(sample, size_t(sampleBytes));
+        if (profile >= 0) losslessStream = profile == kH264LosslessProfile;
+        if (losslessStream) return decodeOnCpu(sample, sampleBytes, out);
+    }
     // Work in the host's context would use memory of ours there.
     const device::Api& api = device::api();
     if (api.pushContext(context) != 0) return 0;
@@ -105,6 +118,28 @@ uint32_t HwDecoder::decode(const uint8_t* sample, uint64_t sampleBytes, void* ou
         return 0;
     return packing::launchUnpackForDecode(dataFormat, frame, uint32_t(decoder->GetDeviceFramePitch()), out, width,
                                           height, staging);
+}
+
+uint32_t HwDecoder::decodeOnCpu(const uint8_t* sample, uint64_t sampleBytes, void* out) {
+    const uint32_t frameWidth = packing::pictureWidth(dataFormat, width);
+    if (!cpuDecoder) cpuDecoder = makePictureDecoder(0, frameWidth, height);
+    DecodedPicture picture;
+    if (!cpuDecoder->decode(sample, uint32_t(sampleBytes), picture)) return 0;
+    const uint32_t bytes = packing::packedSize(dataFormat, width, height);
+    // As on the GPU, a pipe larger than the picture gets nothing.
+    if (!picture.planar420 || frameWidth > picture.width || height > picture.height || bytes == 0) return 0;
+    cpuFrame.resize(packing::nv12Bytes(frameWidth, height));
+    packing::nv12FromPlanes(picture.planes, picture.strides, frameWidth, height, cpuFrame.data());
+    // Zeroed first: the bytes the unpacking leaves (4-bit data of odd width) are 0, as on the GPU.
+    cpuOut.assign(bytes, 0);
+    packing::unpackOnHost(dataFormat, cpuFrame.data(), packing::nv12Pitch(frameWidth), cpuOut.data(), width, height);
+    const device::Api& api = device::api();
+    if (api.isDevicePointer(out)) {
+        if (api.copy(out, cpuOut.data(), bytes, device::CopyKind::HostToDevice) != 0) return 0;
+    } else {
+        std::memcpy(out, cpuOut.data(), bytes);
+    }
+    return bytes;
 }
 
 QrvDecodeStep HwDecoder::decodeStep() {

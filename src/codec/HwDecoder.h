@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 #include "NVCompression/NvCodec/NvDecoder/NvDecoder.h"
+#include "codec/PictureDecoder.h"
 #include "container/qrv_file.h"
 #include "kernels/packing.h"
 
@@ -33,6 +35,9 @@ public:
 private:
     bool create(uint32_t codec, uint32_t w, uint32_t h);
     QrvDecodeStep decodeStep();
+    // Lossless H.264 (High 4:4:4 Predictive), which NVDEC does not take: decoded by libavcodec
+    // and unpacked by the packing kernels' CPU twins into the same layout.
+    uint32_t decodeOnCpu(const uint8_t* sample, uint64_t sampleBytes, void* out);
 
     uint32_t dataFormat;
     uint32_t width = 0;
@@ -44,4 +49,7 @@ private:
     uint32_t codec;
     packing::StagingBuffer staging;
     QrvHardwareReader reader;  // the index, the sample infos and the payload buffer
+    bool losslessStream = false;  // the last H.264 sequence parameter set has profile 244
+    std::unique_ptr<PictureDecoder> cpuDecoder;  // made for the first such stream
+    std::vector<uint8_t> cpuFrame, cpuOut;       // its NV12 picture and the unpacked data
 };

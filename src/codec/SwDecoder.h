@@ -1,22 +1,23 @@
-// HEVC decoding on the CPU with libde265, for machines whose GPU cannot decode.
+// Decoding of QRV recordings on the CPU, for machines whose GPU cannot decode: HEVC with
+// libde265, H.264 with libavcodec (the codec-specific part is a PictureDecoder).
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <vector>
 
-#include <libde265/de265.h>
-
+#include "codec/PictureDecoder.h"
 #include "container/qrv_file.h"
 
 class SwDecoder {
 public:
-    SwDecoder(uint32_t width, uint32_t height, uint32_t swReserved);
-    ~SwDecoder();
+    // codec 0 is H.264; every other value HEVC, the codec this decoder always had.
+    SwDecoder(uint32_t width, uint32_t height, uint32_t swReserved, uint32_t codec);
     SwDecoder(const SwDecoder&) = delete;
     SwDecoder& operator=(const SwDecoder&) = delete;
 
-    bool isReady() const { return ready; }
+    bool isReady() const { return decoder->isReady(); }
 
     bool readIndex(FILE* stream);
     // Decodes the record at the stream's position into `out` as packed YUYV
@@ -28,13 +29,9 @@ public:
     bool seekToSample(FILE* stream, int32_t sample);
 
 private:
-    // Reads the record at the stream's position, decodes it and returns its picture, or
-    // null when the record could not be read or gave no picture. The picture is valid only
-    // until the next libde265 call.
-    const de265_image* decodeRecord();
-    // False when a sequence parameter set in the payload cannot be read or declares more
-    // pixels than pictureAreaLimit.
-    bool declaresPictureWithinLimit(const uint8_t* payload, uint32_t bytes) const;
+    // Reads the record at the stream's position and decodes it into `picture`; false when the
+    // record could not be read or gave no picture.
+    bool decodeRecord(DecodedPicture& picture);
 
     QrvSoftwareIndex tables;
     std::vector<uint8_t> payloadBuffer;
@@ -42,12 +39,8 @@ private:
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t swReserved = 0;
-    uint64_t pictureAreaLimit = 0;  // pixels of the largest picture a record may declare
-    bool ready = false;
     FILE* stream = nullptr;
-    de265_error lastError = DE265_OK;
-    de265_decoder_context* decoder = nullptr;
-    int64_t ptsCounter = 0;
+    std::unique_ptr<PictureDecoder> decoder;
     // Stream position right after the last record whose picture came out, or -1. A record
     // without a random-access picture decodes only when it starts here: its references are
     // then in the decoder.

@@ -202,6 +202,15 @@ bool hevcDeclaredPictureSizes(const uint8_t* data, size_t bytes, std::vector<Hev
     return true;
 }
 
+int h264SequenceProfile(const uint8_t* data, size_t bytes) {
+    constexpr int kSpsType = 7;
+    int profile = -1;
+    // profile_idc is the byte after the header: no emulation prevention byte can precede it.
+    for (const NalUnit& nal : findNalUnits(data, bytes, SIZE_MAX))
+        if (nal.header + 1 < nal.end && (data[nal.header] & 0x1F) == kSpsType) profile = data[nal.header + 1];
+    return profile;
+}
+
 const char* annexBCodecName(AnnexBCodec codec) {
     switch (codec) {
         case AnnexBCodec::H264: return "H.264";

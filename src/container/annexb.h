@@ -42,3 +42,6 @@ struct HevcPictureSize {
 // of them ends, or holds an invalid Exp-Golomb code, before its size. Reads nothing beyond each
 // NAL unit and removes emulation prevention bytes.
 bool hevcDeclaredPictureSizes(const uint8_t* data, size_t bytes, std::vector<HevcPictureSize>& sizes);
+
+// profile_idc of the last H.264 sequence parameter set in the data; -1 when there is none.
+int h264SequenceProfile(const uint8_t* data, size_t bytes);

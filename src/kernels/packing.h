@@ -84,6 +84,10 @@ size_t nv12Bytes(uint32_t width, uint32_t height);
 // is, each chroma pair from the even row that carries it (odd rows repeat it). An odd width's
 // last V, which YUYV does not carry, is 128.
 void nv12FromYuyv(const uint8_t* yuyv, uint32_t width, uint32_t height, uint8_t* nv12);
+// The NV12 picture (layout as above) of the top-left width × height of an 8-bit 4:2:0 picture
+// in three planes, rows `strides` bytes apart.
+void nv12FromPlanes(const uint8_t* const planes[3], const int strides[3], uint32_t width, uint32_t height,
+                    uint8_t* nv12);
 // The caller's data carried by such a YUYV picture of pictureWidth × height, through the NV12
 // picture behind it and unpackOnHost. False for an unknown code.
 bool unpackYuyvOnHost(uint32_t code, const uint8_t* yuyv, uint32_t pictureWidth, void* out, uint32_t width,

@@ -1,5 +1,6 @@
 #include "kernels/packing.h"
 
+#include <cstring>
 #include <vector>
 
 #include "codec/Exception.h"
@@ -163,6 +164,18 @@ void nv12FromYuyv(const uint8_t* yuyv, uint32_t width, uint32_t height, uint8_t*
         for (size_t x = 0; x < width; ++x) pairs[x] = row[2 * (x & ~size_t(1)) + 1 + 2 * (x & 1)];
         if (width & 1) pairs[width] = 128;
     }
+}
+
+void nv12FromPlanes(const uint8_t* const planes[3], const int strides[3], uint32_t width, uint32_t height,
+                    uint8_t* nv12) {
+    const size_t pitch = nv12Pitch(width);
+    for (size_t r = 0; r < height; ++r) std::memcpy(nv12 + r * pitch, planes[0] + r * size_t(strides[0]), width);
+    uint8_t* chroma = nv12 + pitch * height;
+    for (size_t r = 0; r < (height + 1) / 2; ++r)
+        for (size_t x = 0; x < (width + 1) / 2; ++x) {
+            chroma[r * pitch + 2 * x] = planes[1][r * size_t(strides[1]) + x];
+            chroma[r * pitch + 2 * x + 1] = planes[2][r * size_t(strides[2]) + x];
+        }
 }
 
 bool unpackYuyvOnHost(uint32_t code, const uint8_t* yuyv, uint32_t pictureWidth, void* out, uint32_t width,

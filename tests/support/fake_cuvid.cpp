@@ -105,6 +105,10 @@ private:
             for (uint32_t c = 0; c < (w + 1) / 2; ++c)
                 for (int k = 0; k < 2; ++k)
                     p.chroma()[r * w + 2 * c + k] = frame_->data[1 + k][r * frame_->linesize[1 + k] + c];
+        // NVDEC does not list High 4:4:4 Predictive (lossless): like a GPU that might, the fake
+        // decodes such a stream wrongly and reports nothing, a bit of every luma sample flipped.
+        if (context_->profile == FF_PROFILE_H264_HIGH_444_PREDICTIVE)
+            for (size_t i = 0; i < size_t(w) * h; ++i) p.nv12[i] ^= 1;
         return p;
     }
 

@@ -4,8 +4,8 @@
 // of a stream that reorders does. It takes packets of whole pictures without a display delay, as
 // NvDecoder sends them, and refuses others and decoders outside its sizes. Its decoder keeps
 // coded-size surfaces; a mapped frame is host-table device memory with a pitch wider than the
-// picture and the chroma plane below the whole target height. Handles, call order and map/unmap
-// pairing are checked; breaches go to `faults`.
+// picture and the chroma plane below the whole target height. Lossless H.264 comes out wrong,
+// silently. Handles, call order and map/unmap pairing are checked; breaches go to `faults`.
 #pragma once
 
 #include <map>
