@@ -28,8 +28,8 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/zo_qrv64.pc.in ${CMAKE_BINARY_DIR}/zo_q
 install(FILES ${CMAKE_BINARY_DIR}/zo_qrv64.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # The package's dependencies come from the installed binaries (dpkg-shlibdeps): libde265 and
-# the C/C++ runtimes. The CUDA runtime is linked in; the driver and libx265 are loaded when
-# present, so neither is a dependency.
+# the C/C++ runtimes. The CUDA runtime is linked in; the driver, libx265 and libavcodec
+# (software H.264 decoding) are loaded when present, so none is a dependency.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zo-qrv64)
 set(CPACK_PACKAGE_VENDOR zo_qrv64)
@@ -40,6 +40,6 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "zo_qrv64 developers")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libx265-199")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libx265-199, libavcodec59")
 set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_SOURCE_DIR}/LICENSE)
 include(CPack)

@@ -60,7 +60,8 @@ done
 ! grep -Eq '\.a$|/test_|/bench_|python' "$work/files" || fail "$(basename "$deb") carries internal files"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "package $(basename "$deb"): Depends: $depends"
-! grep -Eiq 'x265|cuda|nvidia' <<<"$depends" || fail "the driver, CUDA and libx265 must not be dependencies"
+! grep -Eiq 'x265|avcodec|avutil|cuda|nvidia' <<<"$depends" ||
+  fail "the driver, CUDA, libx265 and libavcodec must not be dependencies"
 depended=$(sed 's/ ([^)]*)//g; s/ *| */\n/g; s/, /\n/g' <<<"$depends")  # package names, one a line
 dpkg-deb -x "$deb" "$work/root"
 for binary in "$work/root/usr/bin/zoqrv" "$(find "$work/root" -name 'libzo_qrv64.so.1')"; do

@@ -5,8 +5,9 @@
 #   scripts/make-test-data.sh OUT_DIR [ZOQRV] [SET]
 #
 # ZOQRV is the zoqrv tool (default build/tools/zoqrv); SET is "tests" (default, small
-# streams), "h264" (small H.264 streams from x264) or "bench" (640x480 and 1920x1080). For every stream NAME it writes
-# NAME.hevc, NAME.qrv and (for "tests") NAME.yuv, and lists "NAME WIDTH HEIGHT FRAMES KEYINT" in
+# streams), "h264" (small H.264 streams from x264) or "bench" (640x480 and 1920x1080, HEVC and
+# H.264). Streams whose NAME starts with h264 come from x264. For every stream NAME it writes
+# NAME.hevc (or NAME.h264), NAME.qrv and (except for "bench") NAME.yuv, and lists "NAME WIDTH HEIGHT FRAMES KEYINT" in
 # OUT_DIR/streams.txt, which is written last.
 #
 # The streams suit record-by-record decoding: every IDR frame repeats the parameter sets,
@@ -35,7 +36,7 @@ encode() {
   ffmpeg -nostdin -hide_banner -loglevel error -y \
     -f lavfi -i "testsrc2=size=${width}x${height}:rate=25" -frames:v "$frames" \
     -pix_fmt yuv420p -f yuv4mpegpipe - |
-    if [ "$set_name" = h264 ]; then
+    if [[ $name == h264* ]]; then
       # Raw H.264 output has no global header, so libx264 repeats SPS and PPS at every IDR.
       ffmpeg -nostdin -hide_banner -loglevel error -y -f yuv4mpegpipe -i - -c:v libx264 -preset fast \
         -g "$keyint" -keyint_min "$keyint" -sc_threshold 0 -bf 0 "$@" -f h264 "$out/$name.h264"
@@ -50,7 +51,7 @@ encode() {
 make() {
   local name=$1 width=$2 height=$3 frames=$4 keyint=$5
   local stream="$out/$name.hevc"
-  [ "$set_name" = h264 ] && stream="$out/$name.h264"
+  [[ $name == h264* ]] && stream="$out/$name.h264"
   encode "$@"
   # A client header lies before the first record, as in recordings.
   "$zoqrv" import "$stream" "$out/$name.qrv" --fps 25 --header 16 >/dev/null
@@ -82,6 +83,9 @@ case "$set_name" in
   bench)
     make bench_640x480 640 480 120 30
     make bench_1920x1080 1920 1080 60 30
+    make h264_bench_640x480 640 480 120 30
+    make h264_bench_1920x1080 1920 1080 60 30
+    make h264_lossless_bench_640x480 640 480 60 30 -qp 0
     ;;
   *) echo "make-test-data: unknown set $set_name" >&2; exit 2 ;;
 esac

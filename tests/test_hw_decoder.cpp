@@ -300,6 +300,7 @@ LosslessRecording losslessRecording(uint32_t code, uint32_t w, uint32_t h, uint3
 struct LosslessCase {
     uint32_t code, w, h;
 };
+void PrintTo(const LosslessCase& c, std::ostream* out) { *out << "format" << c.code << "_" << c.w << "x" << c.h; }
 class LosslessH264 : public Decoding, public testing::WithParamInterface<LosslessCase> {};
 
 TEST_P(LosslessH264, RoundTripsBitForBit) {

@@ -109,7 +109,8 @@ public:
         std::memset(padded.data() + bytes, 0, AV_INPUT_BUFFER_PADDING_SIZE);
         packet->data = padded.data();
         packet->size = int(bytes);
-        av->frameUnref(frame);
+        // A picture left from an earlier packet would make the decoder refuse this one.
+        while (av->receiveFrame(context, frame) == 0) av->frameUnref(frame);
         if (av->sendPacket(context, packet) < 0 || av->receiveFrame(context, frame) < 0) return false;
         picture = DecodedPicture{};
         picture.width = uint32_t(frame->width);

@@ -123,6 +123,12 @@ uint32_t HwDecoder::decode(const uint8_t* sample, uint64_t sampleBytes, void* ou
 uint32_t HwDecoder::decodeOnCpu(const uint8_t* sample, uint64_t sampleBytes, void* out) {
     const uint32_t frameWidth = packing::pictureWidth(dataFormat, width);
     if (!cpuDecoder) cpuDecoder = makePictureDecoder(0, frameWidth, height);
+    if (!cpuDecoder->isReady()) {
+        const char* missing = pictureDecoderMissingText(0);
+        std::cout << "Decode failed (" << (missing ? missing : "libavcodec's H.264 decoder did not open") << ")"
+                  << std::endl;
+        return 0;
+    }
     DecodedPicture picture;
     if (!cpuDecoder->decode(sample, uint32_t(sampleBytes), picture)) return 0;
     const uint32_t bytes = packing::packedSize(dataFormat, width, height);
