@@ -10,7 +10,6 @@ extern "C" {
 #include <vector>
 
 #include "codec/PictureDecoder.h"
-#include "container/annexb.h"
 
 namespace {
 
@@ -69,7 +68,7 @@ const Libavcodec* libavcodec() {
 
 class LibavcodecH264Decoder : public PictureDecoder {
 public:
-    explicit LibavcodecH264Decoder(uint64_t maxPixels) : av(libavcodec()) {
+    explicit LibavcodecH264Decoder(uint64_t maxPixels) : PictureDecoder(AnnexBCodec::H264), av(libavcodec()) {
         if (!av) return;
         const AVCodec* h264 = av->findDecoder(AV_CODEC_ID_H264);
         context = av->allocContext(h264);
@@ -90,14 +89,6 @@ public:
         av->frameFree(&frame);
         av->packetFree(&packet);
         av->freeContext(&context);
-    }
-    LibavcodecH264Decoder(const LibavcodecH264Decoder&) = delete;
-    LibavcodecH264Decoder& operator=(const LibavcodecH264Decoder&) = delete;
-
-    bool isReady() const override { return ready; }
-
-    bool startsReferenceChain(const uint8_t* accessUnit, uint32_t bytes) const override {
-        return annexBHasRandomAccessPicture(accessUnit, bytes, AnnexBCodec::H264);
     }
 
     bool decode(const uint8_t* accessUnit, uint32_t bytes, DecodedPicture& picture) override {
@@ -125,7 +116,6 @@ public:
 
 private:
     const Libavcodec* av;
-    bool ready = false;
     AVCodecContext* context = nullptr;
     AVPacket* packet = nullptr;
     AVFrame* frame = nullptr;

@@ -17,7 +17,7 @@ constexpr std::chrono::seconds kPictureDeadline{2};
 
 class Libde265Decoder : public PictureDecoder {
 public:
-    explicit Libde265Decoder(uint64_t maxPixels) : maxPixels(maxPixels) {
+    explicit Libde265Decoder(uint64_t maxPixels) : PictureDecoder(AnnexBCodec::Hevc), maxPixels(maxPixels) {
         decoder = de265_new_decoder();
         if (!decoder) return;
         // Pictures with decoding faults are still delivered.
@@ -27,14 +27,6 @@ public:
     }
     ~Libde265Decoder() override {
         if (decoder) de265_free_decoder(decoder);
-    }
-    Libde265Decoder(const Libde265Decoder&) = delete;
-    Libde265Decoder& operator=(const Libde265Decoder&) = delete;
-
-    bool isReady() const override { return ready; }
-
-    bool startsReferenceChain(const uint8_t* accessUnit, uint32_t bytes) const override {
-        return annexBHasRandomAccessPicture(accessUnit, bytes, AnnexBCodec::Hevc);
     }
 
     bool decode(const uint8_t* accessUnit, uint32_t bytes, DecodedPicture& picture) override {
@@ -88,7 +80,6 @@ private:
     }
 
     uint64_t maxPixels;
-    bool ready = false;
     de265_error lastError = DE265_OK;
     de265_decoder_context* decoder = nullptr;
     int64_t ptsCounter = 0;  // running sum of the pushed bytes

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "container/annexb.h"
+
 // A decoded picture, owned by the backend and valid until its next call. Only 8-bit 4:2:0
 // pictures carry planes; others come out with planar420 false so that callers refuse them.
 struct DecodedPicture {
@@ -17,12 +19,24 @@ struct DecodedPicture {
 
 class PictureDecoder {
 public:
+    explicit PictureDecoder(AnnexBCodec codec) : codec(codec) {}
     virtual ~PictureDecoder() = default;
-    virtual bool isReady() const = 0;
+    PictureDecoder(const PictureDecoder&) = delete;
+    PictureDecoder& operator=(const PictureDecoder&) = delete;
+
+    bool isReady() const { return ready; }
     // Decodes one access unit; false when it gave no picture (it never waits for one).
     virtual bool decode(const uint8_t* accessUnit, uint32_t bytes, DecodedPicture& picture) = 0;
     // Whether the access unit holds a picture that needs no earlier one.
-    virtual bool startsReferenceChain(const uint8_t* accessUnit, uint32_t bytes) const = 0;
+    bool startsReferenceChain(const uint8_t* accessUnit, uint32_t bytes) const {
+        return annexBHasRandomAccessPicture(accessUnit, bytes, codec);
+    }
+
+protected:
+    bool ready = false;  // set by the backend's constructor
+
+private:
+    AnnexBCodec codec;
 };
 
 // Codec 0 is H.264 (libavcodec), any other HEVC (libde265). Never null; isReady() tells whether
