@@ -1,5 +1,7 @@
 #include "codec/SwDecoder.h"
 
+#include <emmintrin.h>
+
 #include <cstring>
 
 namespace {
@@ -27,7 +29,17 @@ bool writeYuyv(const DecodedPicture& picture, uint8_t* out, uint32_t w, uint32_t
         const uint8_t* cbRow = cb + (r >> 1) * size_t(picture.strides[1]);
         const uint8_t* crRow = cr + (r >> 1) * size_t(picture.strides[2]);
         uint8_t* o = out + r * 2 * size_t(w);
-        for (size_t i = 0; i < pairs; ++i) {
+        // Eight pairs at a time with SSE2 (every x86-64 processor has it): the byte-wise loop
+        // took a seventh of the time of decoding a 640 x 480 H.264 picture.
+        size_t i = 0;
+        for (; i + 8 <= pairs; i += 8) {
+            const __m128i luma16 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(yRow + 2 * i));
+            const __m128i chroma = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(cbRow + i)),
+                                                     _mm_loadl_epi64(reinterpret_cast<const __m128i*>(crRow + i)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(o + 4 * i), _mm_unpacklo_epi8(luma16, chroma));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(o + 4 * i + 16), _mm_unpackhi_epi8(luma16, chroma));
+        }
+        for (; i < pairs; ++i) {
             o[4 * i] = yRow[2 * i];
             o[4 * i + 1] = cbRow[i];
             o[4 * i + 2] = yRow[2 * i + 1];
