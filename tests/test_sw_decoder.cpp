@@ -150,6 +150,22 @@ TEST(SwDecoding, ReferenceChainsStartAtIrapPayloads) {
     expectRecord(pipe.decode(), 2, 0, pictures);
 }
 
+// In H.264 an IDR picture starts a chain: a P-frame whose reference was never decoded fails (libavcodec
+// would conceal the reference), and decoding resumes at the next IDR; seeks decode from the IDR.
+TEST(SwDecoding, H264ReferenceChainsStartAtIdrPictures) {
+    const HevcStream s = hevcStream("h264_gop5_200x120", "h264");  // IDR frames at 0, 5, 10
+    const std::vector<Bytes> payloads = s.payloads(), pictures = s.pictures();
+    TestFile file(fopen(s.qrvPath.c_str(), "rb"));
+    SwPipe pipe(file.get(), s.width, s.height, 0);
+    expectRecord(pipe.decode(), 0, 5, pictures);
+    const size_t record2 = 16 + 2 * (20 + 264) + payloads[0].size() + payloads[1].size();
+    ASSERT_EQ(fseeko(file.get(), off_t(record2), SEEK_SET), 0);
+    EXPECT_EQ(pipe.decode().status, 1u);  // records 2 and 3: the pipe's two tries
+    expectRecord(pipe.decode(), 5, 5, pictures);  // record 4 fails, the IDR record 5 decodes
+    ASSERT_EQ(pipe.seek(8), 0u);
+    expectRecord(pipe.decode(), 8, 5, pictures);
+}
+
 // A seek on one thread and sequential reads on another, on one pipe and file: each call runs whole
 // under the pipe's lock, so every frame delivered is the picture of the record it names.
 TEST(SwDecoding, SeekAndReadFromTwoThreads) {
