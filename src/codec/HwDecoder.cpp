@@ -141,6 +141,9 @@ uint32_t HwDecoder::decodeOnCpu(const uint8_t* sample, uint64_t sampleBytes, voi
     packing::unpackOnHost(dataFormat, cpuFrame.data(), packing::nv12Pitch(frameWidth), cpuOut.data(), width, height);
     const device::Api& api = device::api();
     if (api.isDevicePointer(out)) {
+        // Copied in our context, as the GPU path writes.
+        if (api.pushContext(context) != 0) return 0;
+        device::PushedContext pushed(true);
         if (api.copy(out, cpuOut.data(), bytes, device::CopyKind::HostToDevice) != 0) return 0;
     } else {
         std::memcpy(out, cpuOut.data(), bytes);
