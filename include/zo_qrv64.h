@@ -37,6 +37,7 @@ ZOHW_API ZoHwPipe* ZOHW_CreateDecoder(uint32_t dataFormat, uint32_t codec, uint3
                                       uint32_t height, uint32_t swReserved);
 ZOHW_API void ZOHW_Destroy(ZoHwPipe* pipe);
 
+/* outBitstream needs room for width x height x 4 bytes; a frame that needs more fails. */
 ZOHW_API uint32_t ZOHW_Encode(ZoHwPipe* pipe, uint64_t* outSize, const void* frame,
                               uint64_t framePitch, void* outBitstream);
 ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* outSize,

@@ -51,13 +51,18 @@ TEST_F(Encoding, ARingWithOutputDelayDeliversInOrder) {
 }
 
 // Old drivers take the legacy presets; new ones (asked the legacy way once per process) the
-// newest interface with tuning info. Every IDR repeats its parameter sets.
+// newest interface with tuning info. Every IDR repeats its parameter sets. A VBV larger than the
+// raw picture (64 x 48 x 1.5 bytes) is cut to it, with the bitrate.
 TEST_F(Encoding, SessionsCarryTheSettingsOfTheirCodecModeAndDriver) {
-    const struct { uint32_t codec, lossless; bool legacyPresets; } sessions[] = {{0, 1, true}, {1, 0, true}, {0, 0, false}, {1, 1, false}};
+    const struct {
+        uint32_t codec, lossless, bitrate, rate, vbv;
+        bool legacyPresets;
+    } sessions[] = {{0, 1, 4000000, 0, 0, true}, {1, 0, 4000000, 1105920, 36864, true},
+                    {0, 0, 1000000, 1000000, 33333, false}, {1, 1, 4000000, 0, 0, false}};
     for (const auto& s : sessions) {
         SCOPED_TRACE(testing::Message() << "codec " << s.codec << " lossless " << s.lossless << " legacy " << s.legacyPresets);
         renew().legacyPresets = s.legacyPresets;
-        ASSERT_TRUE(HwEncoder(packing::kUint8, s.codec, s.lossless, 4000000, 64, 48, 30).isReady());
+        ASSERT_TRUE(HwEncoder(packing::kUint8, s.codec, s.lossless, s.bitrate, 64, 48, 30).isReady());
         const NV_ENC_INITIALIZE_PARAMS& p = fake.initParams;
         const NV_ENC_CONFIG& c = fake.config;
         EXPECT_TRUE(sameGuid(p.encodeGUID, s.codec ? NV_ENC_CODEC_HEVC_GUID : NV_ENC_CODEC_H264_GUID));
@@ -84,7 +89,7 @@ TEST_F(Encoding, SessionsCarryTheSettingsOfTheirCodecModeAndDriver) {
             // The newer interface pairs CBR with what CBR_LOWDELAY_HQ did: two passes, small key frames.
             EXPECT_EQ(std::vector<uint32_t>({rc.averageBitRate, rc.maxBitRate, rc.vbvBufferSize, rc.vbvInitialDelay,
                                              rc.constQP.qpInterP, rc.multiPass, rc.lowDelayKeyFrameScale}),
-                      std::vector<uint32_t>({4000000, 4000000, 133333, 133333, 28,
+                      std::vector<uint32_t>({s.rate, s.rate, s.vbv, s.vbv, 28,
                                              s.legacyPresets ? 0u : uint32_t(NV_ENC_TWO_PASS_QUARTER_RESOLUTION), !s.legacyPresets}));
         }
         ASSERT_TRUE(HwEncoder(packing::kUint8, s.codec, s.lossless, 4000000, 64, 48, 30).isReady());
@@ -187,66 +192,68 @@ TEST_F(Encoding, EveryInputKindReachesTheEncoderAsTheCpuTwinPacksIt) {
         }
 }
 
-TEST_F(Encoding, ForcedIntraOverflowAndDriverFailuresReachTheCaller) {
+TEST_F(Encoding, ForcedIntraAndDriverFailuresReachTheCaller) {
     HwEncoder encoder(packing::kUint8, 1, 0, 1000000, 16, 8, 30);
     DeviceBuffer image(Bytes(16 * 8));
     uint32_t type = 0;
-    fake.packetBytes = {{0, 16 * 8 * 4}, {2, 16 * 8 * 4 + 1}};
-    EXPECT_EQ(encoder.encode(image.get(), 16, 16, 8, &type, false), 16u * 8 * 4);  // exactly the capacity
+    encoder.encode(image.get(), 16, 16, 8, &type, false);
     encoder.encode(image.get(), 16, 16, 8, &type, true);
     EXPECT_EQ(type, uint32_t(NV_ENC_PIC_TYPE_I));
     const std::pair<const char*, const char*> failures[] = {
-        {"", "Encode output buffer overflow"},
         {"nvEncMapInputResource", "Encode failed (NvEncoder::MapResources : m_nvenc.nvEncMapInputResource(m_hEncoder, "
                                   "&mapInputResource) returned error 20 at "},
         {"nvEncEncodePicture", "Encode failed (NvEncoder::EncodeFrame : nvEncEncodePicture API failed at "},
     };
     for (const auto& [entry, text] : failures) {
-        SCOPED_TRACE(entry);
-        std::unique_ptr<HwEncoder> fresh(*entry ? new HwEncoder(packing::kUint8, 0, 1, 1000000, 16, 8, 30) : nullptr);
+        HwEncoder fresh(packing::kUint8, 0, 1, 1000000, 16, 8, 30);
         fake.failing = {{entry, NV_ENC_ERR_GENERIC}};
-        try {
-            (fresh ? *fresh : encoder).encode(image.get(), 16, 16, 8, &type, false);
-            ADD_FAILURE() << "no exception";
-        } catch (const Exception& e) {
+        try { fresh.encode(image.get(), 16, 16, 8, &type, false), ADD_FAILURE() << "no exception"; }
+        catch (const Exception& e) {
             EXPECT_EQ(e.message().rfind(text, 0), 0u) << e.message();
-            if (*entry) { EXPECT_EQ(e.message().substr(e.message().size() - 2), "\n)"); }
+            EXPECT_EQ(e.message().substr(e.message().size() - 2), "\n)");
         }
         fake.failing.clear();
-        // The failed picture left nothing mapped for the next one.
-        EXPECT_TRUE(!fresh || fresh->encode(image.get(), 16, 16, 8, &type, false) > 0);
+        // The failed picture left nothing mapped for the next one, which is a forced IDR.
+        EXPECT_GT(fresh.encode(image.get(), 16, 16, 8, &type, false), 0u);
+        EXPECT_EQ(std::make_pair(type, fake.pictureFlags.back()),
+                  std::make_pair(uint32_t(NV_ENC_PIC_TYPE_IDR), uint32_t(NV_ENC_PIC_FLAG_FORCEIDR | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS)));
     }
 }
 
-// The exported calls on the hardware encoder: each record holds NVENC's packet and picture type
-// (lossless at 10 frames a second: an IDR every 5 frames).
-// Times and metadata are written as for the software encoder, whose tests read them back.
+// Each record holds NVENC's packet of its own picture and its type (lossless at 10 frames/s: an IDR
+// every 5). A packet of the cap (3 x 16 x 8 bytes) is stored; one over it fails with its text and
+// makes the next frame a forced IDR with parameter sets, from which the IDR period starts again.
 TEST_F(Encoding, RecordingsHoldThePacketsAndPictureTypesOfTheSession) {
-    ZoHwPipe* pipe = ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 4, 1000000, 10);
-    ASSERT_NE(pipe, nullptr);
-    TestFile file(tmpfile());
-    EXPECT_EQ(ZOHW_CreateQRVContainer(pipe, file.get(), Bytes(16).data(), 16), 0u);
-    const Bytes image = randomBytes(8 * 2 * 4, 3);
-    const uint32_t metadata[64] = {};
-    uint64_t size = 0;
-    for (uint32_t i = 0; i < 7; ++i)
-        ASSERT_EQ(ZOHW_Encode_And_Store(pipe, file.get(), &size, image.data(), 16, 5000, metadata, 64), 0u);
-    // Created at the data's width, re-created once at the NVENC picture's (two bytes a sample), then kept.
-    EXPECT_EQ(std::make_pair(fake.calls["nvEncInitializeEncoder"], fake.initParams.encodeWidth), std::make_pair(size_t(2), 16u));
-    EXPECT_EQ(ZOHW_CloseQRVContainer(pipe, file.get()), 0u);
-    ZOHW_Destroy(pipe);
-
-    QrvSoftwareIndex tables;
-    ASSERT_TRUE(qrvReadSoftwareIndex(file.get(), tables));
-    ASSERT_EQ(tables.recordHeads.size(), 7u);
-    for (uint32_t i = 0; i < 7; ++i) {
-        const uint32_t type = i % 5 == 0 ? NV_ENC_PIC_TYPE_IDR : NV_ENC_PIC_TYPE_P;
-        QrvRecordHead head;
-        uint32_t payloadBytes = 0;
-        Bytes payload;
-        ASSERT_TRUE(qrvReadRecordAt(file.get(), tables.frameList[i].recordOffset, head, payloadBytes, &payload));
-        EXPECT_EQ(std::vector<uint64_t>({head.frameNumber, head.frameType, tables.frameList[i].frameType,
-                                         word(payload.data(), 0), word(payload.data(), 4)}),
-                  std::vector<uint64_t>({i + 1, type, type, i, type})) << "record " << i;
+    for (const size_t oversize : {0, 16 * 8 * 3 + 1}) {
+        renew().packetBytes = {{1, 16 * 8 * 3}, {2, oversize}};
+        Pipe pipe(ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 8, 1000000, 10), &ZOHW_Destroy);
+        TestFile file(tmpfile());
+        const uint32_t metadata[64] = {};
+        uint64_t size = 0;
+        std::vector<uint32_t> stored;
+        for (uint32_t i = 0; pipe && i < 7; ++i) {
+            std::string text;  // of a failure
+            try { text = ZOHW_Encode_And_Store(pipe.get(), file.get(), &size, randomBytes(16 * 8, i).data(), 16, 5000,
+                                               metadata, 64) ? ZOHW_GetError(pipe.get()) : ""; }
+            catch (const Exception& e) { text = e.message(); }
+            EXPECT_EQ(text, oversize && i == 2 ? "Encode output buffer overflow" : "");
+            if (text.empty()) stored.push_back(i);
+        }
+        // Created at the data's width, re-created once at the NVENC picture's (two bytes a sample), then kept.
+        EXPECT_EQ(std::make_pair(fake.calls["nvEncInitializeEncoder"], fake.initParams.encodeWidth), std::make_pair(size_t(2), 16u));
+        ASSERT_EQ(ZOHW_CloseQRVContainer(pipe.get(), file.get()), 0u);
+        EXPECT_EQ(fake.pictureFlags[3], oversize ? NV_ENC_PIC_FLAG_FORCEIDR | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS : 0u);
+        QrvSoftwareIndex tables;
+        ASSERT_TRUE(qrvReadSoftwareIndex(file.get(), tables) && tables.recordHeads.size() == stored.size());
+        for (size_t k = 0; k < stored.size(); ++k) {
+            const uint32_t i = stored[k], type = (i - (oversize && i > 2 ? 3 : 0)) % 5 ? NV_ENC_PIC_TYPE_P : NV_ENC_PIC_TYPE_IDR;
+            Bytes surface(16 * 12), payload;
+            uint16_to_nv12_reference(randomBytes(16 * 8, i).data(), 16, surface.data(), 16, 8, 8);
+            QrvRecordHead head{};
+            uint32_t payloadBytes = 0;
+            ASSERT_TRUE(qrvReadRecordAt(file.get(), tables.frameList[k].recordOffset, head, payloadBytes, &payload));
+            EXPECT_EQ(std::make_tuple(head.frameNumber, head.frameType, tables.frameList[k].frameType), std::make_tuple(k + 1, type, type));
+            EXPECT_EQ(payload, FakeNvenc::payload(i, type, surface.data(), 16, 16, 8, NV_ENC_BUFFER_FORMAT_NV12, i == 1 ? 16 * 8 * 3 : 0));
+        }
     }
 }

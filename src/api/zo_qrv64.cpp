@@ -92,6 +92,20 @@ uint32_t failOnExhaustion(Call call) {
     }
 }
 
+// A frame that failed, or was encoded and not stored, must not stay a reference for the frames
+// after it: the encoder makes the next one an IDR. Exceptions pass on unchanged.
+template <class Call>
+uint32_t restartStreamOnFailure(Encoder& encoder, Call call) {
+    try {
+        const uint32_t result = call();
+        if (result != kOk) encoder.requestKeyFrame();
+        return result;
+    } catch (...) {
+        encoder.requestKeyFrame();
+        throw;
+    }
+}
+
 bool lookUpSampleInfo(const ZoHwPipe& pipe, int32_t sample, QrvSampleInfo& info) {
     auto* bytes = reinterpret_cast<uint8_t*>(&info);
     switch (decodeMode(pipe)) {
@@ -156,13 +170,20 @@ ZOHW_API void ZOHW_Destroy(ZoHwPipe* pipe) { delete pipe; }
 ZOHW_API uint32_t ZOHW_Encode(ZoHwPipe* pipe, uint64_t* outSize, const void* frame,
                               uint64_t framePitch, void* outBitstream) {
     if (!isEncoderPipe(pipe)) return kFailed;
-    return failOnExhaustion([&] {
+    return restartStreamOnFailure(*pipe->encoder, [&] { return failOnExhaustion([&] {
         uint32_t pictureType = 0;
         *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &pictureType, false);
         if (*outSize == 0) return kFailed;
+        // Hosts give room for w × h × 4 bytes, the cap this call always had. A frame above it
+        // (16- and 32-bit data may take up to maxAccessUnitBytes) fails rather than overrun
+        // their buffer; ZOHW_Encode_And_Store stores such frames.
+        if (*outSize > uint64_t(pipe->width) * pipe->height * 4) {
+            *outSize = 0;
+            throw Exception("Encode output buffer overflow");
+        }
         std::memcpy(outBitstream, pipe->encoder->outputBuffer(), *outSize);
         return kOk;
-    });
+    }); });
 }
 
 ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* outSize,
@@ -170,7 +191,7 @@ ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* 
                                         uint64_t timestamp, const uint32_t* metadata,
                                         int32_t metadataWords) {
     if (!isEncoderPipe(pipe)) return kFailed;
-    return failOnExhaustion([&] {
+    return restartStreamOnFailure(*pipe->encoder, [&] { return failOnExhaustion([&] {
         uint32_t frameType = 0;
         *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &frameType, false);
         if (*outSize == 0 || !stream) return kFailed;
@@ -179,7 +200,7 @@ ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* 
         qrvWriteRecord(stream, QrvRecord{encoder.encodedFrames(), timestamp, frameType,
                                          encoder.outputBuffer(), *outSize, metadata, metadataWords});
         return kOk;
-    });
+    }); });
 }
 
 ZOHW_API uint32_t ZOHW_Decode(ZoHwPipe* pipe, const void* bitstream, uint64_t size,

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "container/qrv_file.h"
+#include "kernels/packing.h"
 
 class Encoder {
 public:
@@ -20,10 +21,30 @@ public:
                             uint32_t* pictureType, bool forceIntra) = 0;
     virtual const uint8_t* outputBuffer() const = 0;
 
+    // The next frame is coded as an IDR with its parameter sets. Asked for after every frame
+    // that failed once the encoder had taken it, or that was encoded but not stored: the
+    // encoder may already hold it as a reference, and frames after it must not refer to a
+    // picture that no decoder will see.
+    void requestKeyFrame() { keyFrameRequested = true; }
+
     uint32_t encodedFrames() const { return encodedFrameCount; }
     // Frames from one IDR to the next: a second of frames, half a second when lossless.
     static uint32_t gopLength(uint32_t lossless, uint32_t frameRate) {
         return lossless == 1 ? frameRate >> 1 : frameRate;
+    }
+    // Lossy rate control: the bitrate, and a VBV buffer of one frame of it. Both are cut so
+    // that the VBV holds no more than the raw NV12 picture, since rate control keeps each
+    // frame within its VBV and frames must stay under maxAccessUnitBytes (twice that), with
+    // room for parameter sets and the encoder's overshoot.
+    struct LossyRate {
+        uint64_t bitsPerSecond, vbvBits;
+    };
+    static LossyRate lossyRate(uint64_t bitsPerSecond, uint32_t frameRate, uint32_t pictureWidth,
+                               uint32_t pictureHeight) {
+        const uint64_t rawPictureBits = packing::maxAccessUnitBytes(pictureWidth, pictureHeight) / 2 * 8;
+        const uint64_t vbvBits = bitsPerSecond / frameRate;
+        if (vbvBits <= rawPictureBits) return {bitsPerSecond, vbvBits};
+        return {rawPictureBits * frameRate, rawPictureBits};
     }
     void appendIndexEntry(uint64_t filePosition, uint32_t frameType) {
         index.push_back(QrvIndexEntry{filePosition, frameType, 0});
@@ -32,6 +53,7 @@ public:
 
 protected:
     uint32_t encodedFrameCount = 0;
+    bool keyFrameRequested = false;
 
 private:
     std::vector<QrvIndexEntry> index;

@@ -43,7 +43,9 @@ bool HwEncoder::setUpSession(uint32_t width, uint32_t height) {
     // The old session has the old geometry: frames of the new one must never reach it.
     encoder.reset();
     try {
-        output.assign(static_cast<size_t>(width) * height * 4, 0);
+        // The per-frame cap, not w × h × 4 of the data: for 32-bit samples that is the raw
+        // data, which lossless coding often outgrows.
+        output.assign(packing::maxAccessUnitBytes(width, height), 0);
     } catch (const std::bad_alloc&) {
         output.clear();
         return false;
@@ -127,9 +129,11 @@ HwEncoder::SessionResult HwEncoder::createSession(const NvEncInterface& nvencInt
                 config.rcParams.multiPass = NV_ENC_TWO_PASS_QUARTER_RESOLUTION;
                 config.rcParams.lowDelayKeyFrameScale = 1;
             }
-            const uint32_t bitsPerSecond = static_cast<uint32_t>(bitrate);
-            config.rcParams.averageBitRate = config.rcParams.maxBitRate = bitsPerSecond;
-            config.rcParams.vbvBufferSize = config.rcParams.vbvInitialDelay = bitsPerSecond / frameRate;
+            // The one-frame VBV, cut to the raw picture when the bitrate would let a frame
+            // outgrow the output cap.
+            const LossyRate rate = lossyRate(static_cast<uint32_t>(bitrate), frameRate, width, height);
+            config.rcParams.averageBitRate = config.rcParams.maxBitRate = static_cast<uint32_t>(rate.bitsPerSecond);
+            config.rcParams.vbvBufferSize = config.rcParams.vbvInitialDelay = static_cast<uint32_t>(rate.vbvBits);
         }
         encoder->CreateEncoder(&params);
     } catch (const NVENCException& e) {
@@ -163,21 +167,23 @@ uint64_t HwEncoder::encode(const void* data, uint64_t pitch, uint32_t width, uin
     else
         packing::launchPackForEncode(dataFormat, data, sourcePitch, frame->inputPtr, frame->pitch, width, height,
                                      staging);
-    const uint64_t bytes = collect(output.data(), static_cast<uint64_t>(width) * height * 4, pictureType, forceIntra);
+    const uint64_t bytes = collect(output.data(), output.size(), pictureType, forceIntra);
     if (bytes) ++encodedFrameCount;
     return bytes;
 }
 
 uint64_t HwEncoder::collect(uint8_t* out, uint64_t capacity, uint32_t* pictureType, bool forceIntra) {
     *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
+    NV_ENC_PIC_PARAMS picParams = {};
+    if (keyFrameRequested)
+        picParams.encodePicFlags = NV_ENC_PIC_FLAG_FORCEIDR | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS;
+    else if (forceIntra)
+        picParams.encodePicFlags = NV_ENC_PIC_FLAG_FORCEINTRA | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS;
+    // From here on a failure may leave the frame a reference inside the session: until its
+    // bytes are out whole, the next frame is to be an IDR.
+    keyFrameRequested = true;
     try {
-        if (forceIntra) {
-            NV_ENC_PIC_PARAMS picParams = {};
-            picParams.encodePicFlags = NV_ENC_PIC_FLAG_FORCEINTRA | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS;
-            *pictureType = encoder->EncodeFrame(packets, &picParams);
-        } else {
-            *pictureType = encoder->EncodeFrame(packets);
-        }
+        *pictureType = encoder->EncodeFrame(packets, picParams.encodePicFlags ? &picParams : nullptr);
     } catch (const NVENCException& e) {
         throw Exception(std::string("Encode failed (") + e.what() + ")");
     }
@@ -187,5 +193,6 @@ uint64_t HwEncoder::collect(uint8_t* out, uint64_t capacity, uint32_t* pictureTy
         std::memcpy(out + total, packet.data(), packet.size());
         total += packet.size();
     }
+    keyFrameRequested = false;
     return total;
 }

@@ -49,10 +49,11 @@ bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossl
                           uint32_t width, uint32_t height, uint32_t frameRate) {
     if (api.param_default_preset(param, "ultrafast", "zerolatency") < 0) return false;
     param->logLevel = X265_LOG_ERROR;
+    const uint32_t codedWidth = encodedSize(width), codedHeight = encodedSize(height);
     // Pictures smaller than the preset's coding tree unit take the smallest one.
-    if (width < param->maxCUSize || height < param->maxCUSize) param->maxCUSize = kSmallestCtu;
-    param->sourceWidth = static_cast<int>(width);
-    param->sourceHeight = static_cast<int>(height);
+    if (codedWidth < param->maxCUSize || codedHeight < param->maxCUSize) param->maxCUSize = kSmallestCtu;
+    param->sourceWidth = static_cast<int>(codedWidth);
+    param->sourceHeight = static_cast<int>(codedHeight);
     param->internalCsp = X265_CSP_I420;
     param->fpsNum = frameRate;
     param->fpsDenom = 1;
@@ -71,11 +72,15 @@ bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossl
     param->bLossless = lossless == 1;
     if (lossless != 1) {
         if (frameRate == 0) return false;
-        const uint64_t kilobits = bitrate / 1000;
-        if (kilobits == 0 || kilobits > INT32_MAX) return false;
+        if (bitrate / 1000 == 0) return false;
+        // The one-frame VBV, cut to the raw picture (unpadded, as the cap) when the bitrate
+        // would let a frame outgrow the output cap.
+        const LossyRate rate = lossyRate(bitrate, frameRate, width, height);
+        const uint64_t kilobits = rate.bitsPerSecond / 1000;
+        if (kilobits > INT32_MAX) return false;
         param->rc.rateControlMode = X265_RC_ABR;
         param->rc.bitrate = param->rc.vbvMaxBitrate = static_cast<int>(kilobits);
-        param->rc.vbvBufferSize = std::max<int>(1, static_cast<int>(kilobits / frameRate));
+        param->rc.vbvBufferSize = std::max<int>(1, static_cast<int>(rate.vbvBits / 1000));
         param->rc.bStrictCbr = 1;
     }
     return true;
@@ -112,9 +117,10 @@ SwEncoder::SwEncoder(uint32_t dataFormat_, uint32_t codec, uint32_t lossless, ui
     // libx265's behind, as the destructor does not run.
     frame.assign(packing::nv12Bytes(frameWidth, height), 0);
     planes.assign(size_t(planeWidth) * planeHeight * 3 / 2, 0);
-    output.resize(size_t(width) * height * 4);
+    // The per-frame cap of both encoders, so that every reader takes what either one makes.
+    output.resize(packing::maxAccessUnitBytes(frameWidth, height));
     param = api->param_alloc();
-    if (!param || !configure(*api, param, lossless, bitrate, planeWidth, planeHeight, frameRate)) return;
+    if (!param || !configure(*api, param, lossless, bitrate, frameWidth, height, frameRate)) return;
     api->picture_init(param, &input);
     input.colorSpace = X265_CSP_I420;
     input.bitDepth = 8;
@@ -174,7 +180,10 @@ uint64_t SwEncoder::encode(const void* data, uint64_t pitch, uint32_t width_, ui
     packing::packOnHost(dataFormat, data, static_cast<uint32_t>(pitch), frame.data(), framePitch, width, height);
     fillPlanes();
 
-    input.sliceType = forceIntra ? X265_TYPE_I : X265_TYPE_AUTO;
+    input.sliceType = keyFrameRequested ? X265_TYPE_IDR : forceIntra ? X265_TYPE_I : X265_TYPE_AUTO;
+    // libx265 holds the picture as a reference once it has it: until its bytes are out whole,
+    // the next frame is to be an IDR.
+    keyFrameRequested = true;
     x265_picture encoded;
     x265_nal* nals = nullptr;
     uint32_t nalCount = 0;
@@ -190,5 +199,6 @@ uint64_t SwEncoder::encode(const void* data, uint64_t pitch, uint32_t width_, ui
         *pictureType = nvencPictureType(encoded.sliceType);
         ++encodedFrameCount;
     }
+    keyFrameRequested = false;
     return total;
 }

@@ -30,8 +30,8 @@ public:
     static const x265_api* library();
     // The failure text of a software encoder asked for while library() is null.
     static const char kMissingLibraryText[];
-    // The settings of a picture of width × height (even, at least 16 each way); false for
-    // settings libx265 cannot take. The benchmark's baseline uses them too.
+    // The settings of a picture of width × height, coded padded to even sizes of at least 16
+    // each way; false for settings libx265 cannot take. The benchmark's baseline uses them too.
     static bool configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64_t bitrate,
                           uint32_t width, uint32_t height, uint32_t frameRate);
 

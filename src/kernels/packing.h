@@ -27,6 +27,14 @@ uint32_t tightPitch(uint32_t code, uint32_t width);
 // luma bytes each, every other code one luma sample a pixel.
 uint32_t pictureWidth(uint32_t code, uint32_t width);
 
+// The most bytes one frame's access unit may take, for the encoders that make it and the readers
+// that take it back: twice the raw NV12 picture that carries the frame (pictureWidth × height
+// × 3/2 × 2). Not the data's own size: lossless coding of 32-bit samples, whose bytes look like
+// noise to the codec, often needs more than that.
+inline uint64_t maxAccessUnitBytes(uint32_t pictureWidth, uint32_t pictureHeight) {
+    return uint64_t(pictureWidth) * pictureHeight * 3;
+}
+
 struct LaunchGeometry {
     uint32_t gridX, gridY, blockX, blockY;
 };

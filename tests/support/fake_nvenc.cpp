@@ -16,7 +16,7 @@ struct Object {
     NV_ENC_REGISTER_RESOURCE registration = {};
 };
 struct Session {
-    uint32_t api = 0, idrPeriod = 0, frames = 0;
+    uint32_t api = 0, idrPeriod = 0, frames = 0, sinceIdr = 0;
     bool opened = false, initialized = false, flushed = false;
     std::map<void*, Object> objects;
     std::vector<Object*> held;  // bitstream buffers of held-back pictures
@@ -221,9 +221,12 @@ NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
         pic->inputHeight != surface.height || pic->pictureStruct != NV_ENC_PIC_STRUCT_FRAME)
         return breach("picture does not match its input surface");
     const uint32_t index = session.frames++;
-    buffer->pictureType = index % (session.idrPeriod ? session.idrPeriod : UINT32_MAX) == 0 ? NV_ENC_PIC_TYPE_IDR
-                          : pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEINTRA             ? NV_ENC_PIC_TYPE_I
-                                                                                         : NV_ENC_PIC_TYPE_P;
+    fake().pictureFlags.push_back(pic->encodePicFlags);
+    if (pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEIDR || session.sinceIdr == session.idrPeriod)
+        session.sinceIdr = 0;  // a forced IDR starts the IDR period afresh
+    buffer->pictureType = session.sinceIdr++ == 0                         ? NV_ENC_PIC_TYPE_IDR
+                          : pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEINTRA ? NV_ENC_PIC_TYPE_I
+                                                                             : NV_ENC_PIC_TYPE_P;
     buffer->bytes = FakeNvenc::payload(index, buffer->pictureType,
                                        static_cast<const uint8_t*>(surface.resourceToRegister), surface.pitch,
                                        surface.width, surface.height, surface.bufferFormat,
