@@ -221,10 +221,12 @@ TEST_F(Encoding, ForcedIntraAndDriverFailuresReachTheCaller) {
 }
 
 // Each record holds NVENC's packet of its own picture and its type (lossless at 10 frames/s: an IDR
-// every 5). A packet of the cap (3 x 16 x 8 bytes) is stored; one over it fails with its text and
-// makes the next frame a forced IDR with parameter sets, from which the IDR period starts again.
+// every 5). A packet of the cap (3 x 16 x 8 bytes) is stored; one over it fails with its text, and
+// it or a frame not stored (no stream) makes the next frame a forced IDR with parameter sets, from
+// which the IDR period starts again.
 TEST_F(Encoding, RecordingsHoldThePacketsAndPictureTypesOfTheSession) {
-    for (const size_t oversize : {0, 16 * 8 * 3 + 1}) {
+    for (const auto& [noStream, oversize] : std::vector<std::pair<bool, size_t>>{{0, 0}, {0, 16 * 8 * 3 + 1}, {1, 0}}) {
+        const bool fails = noStream || oversize;  // frame 2
         renew().packetBytes = {{1, 16 * 8 * 3}, {2, oversize}};
         Pipe pipe(ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 8, 1000000, 10), &ZOHW_Destroy);
         TestFile file(tmpfile());
@@ -232,21 +234,22 @@ TEST_F(Encoding, RecordingsHoldThePacketsAndPictureTypesOfTheSession) {
         uint64_t size = 0;
         std::vector<uint32_t> stored;
         for (uint32_t i = 0; pipe && i < 7; ++i) {
-            std::string text;  // of a failure
-            try { text = ZOHW_Encode_And_Store(pipe.get(), file.get(), &size, randomBytes(16 * 8, i).data(), 16, 5000,
-                                               metadata, 64) ? ZOHW_GetError(pipe.get()) : ""; }
+            std::string text = "status 1: ";
+            try { text = ZOHW_Encode_And_Store(pipe.get(), noStream && i == 2 ? nullptr : file.get(), &size,
+                                               randomBytes(16 * 8, i).data(), 16, 5000, metadata, 64) ? text + ZOHW_GetError(pipe.get()) : ""; }
             catch (const Exception& e) { text = e.message(); }
-            EXPECT_EQ(text, oversize && i == 2 ? "Encode output buffer overflow" : "");
+            EXPECT_EQ(text, i != 2 || !fails ? "" : oversize ? "Encode output buffer overflow" : "status 1: ");
             if (text.empty()) stored.push_back(i);
         }
         // Created at the data's width, re-created once at the NVENC picture's (two bytes a sample), then kept.
         EXPECT_EQ(std::make_pair(fake.calls["nvEncInitializeEncoder"], fake.initParams.encodeWidth), std::make_pair(size_t(2), 16u));
         ASSERT_EQ(ZOHW_CloseQRVContainer(pipe.get(), file.get()), 0u);
-        EXPECT_EQ(fake.pictureFlags[3], oversize ? NV_ENC_PIC_FLAG_FORCEIDR | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS : 0u);
+        EXPECT_EQ(fake.pictureFlags[3], fails ? NV_ENC_PIC_FLAG_FORCEIDR | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS : 0u);
+        if (noStream) continue;  // the trailer still counts the frame not stored
         QrvSoftwareIndex tables;
         ASSERT_TRUE(qrvReadSoftwareIndex(file.get(), tables) && tables.recordHeads.size() == stored.size());
         for (size_t k = 0; k < stored.size(); ++k) {
-            const uint32_t i = stored[k], type = (i - (oversize && i > 2 ? 3 : 0)) % 5 ? NV_ENC_PIC_TYPE_P : NV_ENC_PIC_TYPE_IDR;
+            const uint32_t i = stored[k], type = (i - (fails && i > 2 ? 3 : 0)) % 5 ? NV_ENC_PIC_TYPE_P : NV_ENC_PIC_TYPE_IDR;
             Bytes surface(16 * 12), payload;
             uint16_to_nv12_reference(randomBytes(16 * 8, i).data(), 16, surface.data(), 16, 8, 8);
             QrvRecordHead head{};
