@@ -222,8 +222,7 @@ NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
         return breach("picture does not match its input surface");
     const uint32_t index = session.frames++;
     fake().pictureFlags.push_back(pic->encodePicFlags);
-    if (pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEIDR || session.sinceIdr == session.idrPeriod)
-        session.sinceIdr = 0;  // a forced IDR starts the IDR period afresh
+    if (pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEIDR || session.sinceIdr == session.idrPeriod) session.sinceIdr = 0;
     buffer->pictureType = session.sinceIdr++ == 0                         ? NV_ENC_PIC_TYPE_IDR
                           : pic->encodePicFlags & NV_ENC_PIC_FLAG_FORCEINTRA ? NV_ENC_PIC_TYPE_I
                                                                              : NV_ENC_PIC_TYPE_P;

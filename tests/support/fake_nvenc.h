@@ -26,7 +26,7 @@ struct FakeNvenc {
 
     // ---- What happened
     std::map<std::string, size_t> calls;  // entry point → how often it was called
-    std::vector<uint32_t> pictureFlags;   // of each picture encoded
+    std::vector<uint32_t> pictureFlags;   // of each picture encoded (a forced IDR restarts the IDR period)
     std::vector<std::string> faults;
     NV_ENC_INITIALIZE_PARAMS initParams = {};  // of the last initialisation, its configuration below
     NV_ENC_CONFIG config = {};
