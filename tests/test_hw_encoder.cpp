@@ -198,18 +198,17 @@ TEST_F(Encoding, ForcedIntraAndDriverFailuresReachTheCaller) {
     };
     for (const auto& [entry, text] : failures) {
         HwEncoder fresh(packing::kUint8, 0, 1, 1000000, 16, 8, 30);
-        DeviceBuffer image(Bytes(16 * 8));  // in the context the encoder made
         fake.failing = {{entry, NV_ENC_ERR_GENERIC}};
-        try { fresh.encode(image.get(), 16, 16, 8, &type, false), ADD_FAILURE() << "no exception"; }
+        try { fresh.encode(DeviceBuffer(Bytes(16 * 8)).get(), 16, 16, 8, &type, false), ADD_FAILURE() << "no exception"; }
         catch (const Exception& e) {
             EXPECT_TRUE(e.message().rfind(text, 0) == 0 && e.message().substr(e.message().size() - 2) == "\n)") << e.message();
         }
         fake.failing.clear();
         // The failed picture left nothing mapped for the next one, which is a forced IDR; forced intra gives an I.
-        EXPECT_GT(fresh.encode(image.get(), 16, 16, 8, &type, false), 0u);
+        EXPECT_GT(fresh.encode(DeviceBuffer(Bytes(16 * 8)).get(), 16, 16, 8, &type, false), 0u);
         EXPECT_EQ(std::make_pair(type, fake.pictureFlags.back()),
                   std::make_pair(uint32_t(NV_ENC_PIC_TYPE_IDR), uint32_t(NV_ENC_PIC_FLAG_FORCEIDR | NV_ENC_PIC_FLAG_OUTPUT_SPSPPS)));
-        fresh.encode(image.get(), 16, 16, 8, &type, true);
+        fresh.encode(DeviceBuffer(Bytes(16 * 8)).get(), 16, 16, 8, &type, true);
         EXPECT_EQ(type, uint32_t(NV_ENC_PIC_TYPE_I));
     }
 }
@@ -223,8 +222,7 @@ TEST_F(Encoding, RecordingsHoldThePacketsAndPictureTypesOfTheSession) {
         renew().packetBytes = {{1, 16 * 8 * 3}, {2, oversize}};
         Pipe pipe(ZOHW_CreateEncoder(packing::kUint16, 1, 1, 8, 8, 1000000, 10), &ZOHW_Destroy);
         TestFile file(tmpfile());
-        const uint32_t metadata[64] = {};
-        uint64_t size = 0;
+        const uint32_t metadata[64] = {}; uint64_t size = 0;
         for (uint32_t i = 0; pipe && i < 7; ++i) {
             std::string text = "status 1: ";
             try { text = ZOHW_Encode_And_Store(pipe.get(), noStream && i == 2 ? nullptr : file.get(), &size,

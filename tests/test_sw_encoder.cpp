@@ -21,9 +21,8 @@ struct Recording {
     Content content = kRamp;
 };
 
-// Kinds 2-5: a ramp with 2 bits of noise, moved by 5 bytes a frame, so that P-frames predict, or a
-// float ramp, whose key frames code to 1.2 times its size; both with a burst of noise in frames 5-7
-// (1.4 times its size coded, for 32-bit samples), the float ramp always. Colour kinds 0 (BGRA) and 1 (UYVY): gradients shifted by the frame.
+// Kinds 2-5: a ramp with 2 bits of noise moved by 5 bytes a frame (P-frames predict), or kFloatRamp: a float ramp (key frames
+// 1.2 times its size coded); it and kNoiseBurst have noise in frames 5-7 (1.4 times). BGRA and UYVY: shifted gradients.
 Bytes frameData(const Recording& r, uint32_t i) {
     static const Bytes noise = randomBytes(1 << 20, 7);
     Bytes frame(packing::packedSize(r.kind, r.width, r.height));
@@ -129,14 +128,13 @@ INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::ValuesIn(std::vector<Record
     {3, 64, 48, 12, 8, 1}, {3, 63, 47, 12, 8, 1}, {4, 40, 32, 12, 8, 1}, {4, 45, 31, 12, 8, 1}, {5, 32, 24, 12, 8, 1},
     {5, 29, 21, 12, 8, 1}, {5, 160, 120, 12, 8, 1, 0, kFloatRamp}, {4, 160, 120, 12, 8, 1, 0, kNoiseBurst}}));
 
-// Then small pictures whose one-frame VBV exceeds the picture: every frame is stored, noise included.
 TEST_F(SwEncoding, CbrOfThreeHundredFramesMeetsTheBitrateWithinTenPercent) {
     for (const uint64_t bitrate : {500000ull, 1000000ull}) {
         const Recording r{3, 160, 120, 300, 30, 0, bitrate};
         const double bitsPerSecond = double(record(r, openBytes({}).get())) * 8 / (r.frames / double(r.fps));
         EXPECT_NEAR(bitsPerSecond, double(bitrate), 0.1 * bitrate);
     }
-    for (const uint32_t width : {8u, 24u}) record({4, width, 8, 10, 30, 0, 8000000, kNoiseBurst}, openBytes({}).get());
+    for (const uint32_t width : {8u, 24u}) record({4, width, 8, 10, 30, 0, 8000000, kNoiseBurst}, openBytes({}).get());  // VBV > picture
 }
 
 TEST_F(SwEncoding, ZoqrvEncoderChoosesOrFailsWithAText) {
