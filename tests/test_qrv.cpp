@@ -1,11 +1,13 @@
 // QRV files: the writer against a byte-by-byte builder and an index out of reach (damaged files:
 // test_qrv_reading.cpp; the hardware reader's seek limit: test_hw_decoder.cpp).
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include "support.h"
 
-// Sample time = capture time / 1000; reserved index words are written as 0; a null pointer or a
-// count <= 0 writes no metadata.
+// Sample time = capture time / 1000; each index entry's spare word is the CRC-32 (zlib's, computed
+// here) of its record's bytes; records carry 64 metadata words, shorter counts padded with zeros
+// (the counts refused: test_recording_writes.cpp).
 TEST(QrvWriter, MatchesTheBuilderByteForByte) {
     TestFile file = openBytes({'H', 'D', 'R', 0, 7});
     fseeko(file.get(), 0, SEEK_END);
@@ -14,22 +16,24 @@ TEST(QrvWriter, MatchesTheBuilderByteForByte) {
     const uint64_t times[] = {1999, 0, 123456789012345ull, 999};
     for (uint32_t i = 0; i < 4; ++i) {
         const Bytes payload = randomBytes(i == 3 ? 4097 : i * 100, i);
-        const QrvSampleInfo info = testSampleInfo(0, i);
-        index.push_back({uint64_t(ftello(file.get())), i == 0 ? kKeyFrameType : 1, 0xDEADBEEF});
-        qrvWriteRecord(file.get(), {i + 1, times[i], index.back().frameType, payload.data(), payload.size(),
-                                    reinterpret_cast<const uint32_t*>(info.metadata), 64});
+        QrvSampleInfo info = testSampleInfo(0, i);
+        const int32_t words = i == 2 ? 5 : 64;
+        memset(info.metadata + 4 * words, 0, kMetadataBytes - 4 * size_t(words));
+        index.push_back({uint64_t(ftello(file.get())), i == 0 ? kKeyFrameType : 1, 0});
+        ASSERT_EQ(qrvWriteRecord(file.get(), {i + 1, times[i], index.back().frameType, payload.data(), payload.size(),
+                                              reinterpret_cast<const uint32_t*>(info.metadata), words},
+                                 &index.back().reserved), 0);
         expected.add(i + 1, times[i], index.back().frameType, payload);
+        memcpy(&expected.records[expected.records.size() - kMetadataBytes], info.metadata, kMetadataBytes);
     }
-    qrvWriteIndex(file.get(), index, 4);
-    EXPECT_EQ(readAll(file.get()), expected.bytes());
-    const uint32_t words[3] = {0x04030201, 0x08070605, 0x0C0B0A09};
-    for (auto [metadata, count] : {std::pair<const uint32_t*, int32_t>{words, 3}, {words, 0}, {words, -1}, {nullptr, 3}}) {
-        TestFile record = openBytes({});
-        qrvWriteRecord(record.get(), {7, 2500, 1, reinterpret_cast<const uint8_t*>("\xAB\xCD"), 2, metadata, count});
-        Bytes bytes = {7, 0, 0, 0, 0xC4, 9, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 0xAB, 0xCD, 2, 0, 0, 0, 0, 0, 0, 0};
-        for (uint8_t b = 1; metadata && count > 0 && b <= 12; ++b) bytes.push_back(b);
-        EXPECT_EQ(readAll(record.get()), bytes) << count;
+    ASSERT_EQ(qrvWriteIndex(file.get(), index, 4), 0);
+    Bytes bytes = expected.bytes();
+    for (size_t r = 0; r < 4; ++r) {
+        const size_t end = r + 1 < 4 ? expected.recordOffset(r + 1) : expected.records.size();
+        putLittleEndian(bytes, expected.indexOffset(r) + 12,
+                        crc32(0, &bytes[expected.recordOffset(r)], uInt(end - expected.recordOffset(r))), 4);
     }
+    EXPECT_EQ(readAll(file.get()), bytes);
 }
 
 // A sparse file whose count claims 2^27 entries: the index (2 GiB + 4 bytes) fits in the file, but

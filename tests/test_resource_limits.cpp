@@ -102,8 +102,8 @@ TEST(OutOfMemory, CreationFailsWithItsTextAndANullPipe) {
     EXPECT_STREQ(ZOHW_GetError(nullptr), "unsupported hardware or codec for encoding");
 }
 
-// Without memory a read or an index read fails with its result and a call on the wrong kind of pipe
-// still sets its text; none throws std::bad_alloc into the C host.
+// Without memory a read or an index read fails with its result and the exception's text, and a call on
+// the wrong kind of pipe still sets its text; none throws std::bad_alloc into the C host.
 TEST(OutOfMemory, DecodingAndErrorTextsFailWithoutThrowing) {
     TestFile file = openBytes(readFile(ZOQRV_SOURCE_DIR "/tests/data/fuzz/huge-picture-claim.qrv"));
     Pipe pipe = softwarePipe(64, 48);
@@ -114,14 +114,17 @@ TEST(OutOfMemory, DecodingAndErrorTextsFailWithoutThrowing) {
     uint32_t frameNumber = 0, frameType = 0;
     uint64_t time = 0, size = 0;
     uint32_t read = 0, encode = 0, index = 0;
+    char text[32];
     {
         const AllocationCap cap(0);  // checks come after it: a failing check needs memory
         read = ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber, &time, &frameType,
                                            metadata);
-        encode = ZOHW_Encode(pipe.get(), &size, frame.data(), 128, frame.data());
         index = ZOHW_CreateQRVTracker(pipe.get(), file.get());
+        snprintf(text, sizeof text, "%s", ZOHW_GetError(pipe.get()));
+        encode = ZOHW_Encode(pipe.get(), &size, frame.data(), 128, frame.data());
     }
     EXPECT_EQ(std::make_tuple(read, encode, index), std::make_tuple(1u, 1u, 1u));
+    EXPECT_STREQ(text, "std::bad_alloc");
     EXPECT_STREQ(ZOHW_GetError(pipe.get()), "Invalid ZoHwPipe encoder.");
     EXPECT_GT(refusedAllocations, 0u);
     EXPECT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 0u) << "the index is read once there is memory";

@@ -24,8 +24,9 @@ struct ZoHwPipe {
 };
 
 // The text that calls without a pipe, and failed creations, leave for ZOHW_GetError(NULL).
-// Every such text is a string literal, and the slot holds a pointer to it that is swapped
-// atomically: threads failing at the same time cannot corrupt it, and a pointer once
-// returned stays valid for ever. (A reader may still see another thread's latest text.)
-void setLibraryError(const char* literal);
+// Every such text is a string literal or an interned copy that is never freed, and the slot
+// holds a pointer to it that is swapped atomically: threads failing at the same time cannot
+// corrupt it, and a pointer once returned stays valid for ever. (A reader may still see another
+// thread's latest text.)
+void setLibraryError(const char* lastingText);
 const char* libraryError();

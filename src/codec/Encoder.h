@@ -3,6 +3,7 @@
 // stand behind it.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <vector>
@@ -46,10 +47,26 @@ public:
         if (vbvBits <= rawPictureBits) return {bitsPerSecond, vbvBits};
         return {rawPictureBits * frameRate, rawPictureBits};
     }
-    void appendIndexEntry(uint64_t filePosition, uint32_t frameType) {
-        index.push_back(QrvIndexEntry{filePosition, frameType, 0});
+    // Appends the last encode's `bytes` as a record and its entry (with the record's checksum) to
+    // the index. Frame numbers and the trailer count stored records, not encoded frames: a frame
+    // that was encoded but not stored would otherwise make the trailer disagree with the index,
+    // and readers, which find the index from the trailer's count, would lose the whole file.
+    // Returns 0, or the errno of a failed write (no entry added, the stream back at the record's
+    // start).
+    int storeRecord(FILE* stream, uint64_t bytes, uint32_t frameType, uint64_t timestamp, const uint32_t* metadata,
+                    int32_t metadataWords) {
+        const int64_t position = qrvTell(stream);
+        if (position < 0) return errno != 0 ? errno : EIO;
+        index.push_back(QrvIndexEntry{uint64_t(position), frameType, 0});  // room first: no record without its entry
+        const int error =
+            qrvWriteRecord(stream, {uint32_t(index.size()), timestamp, frameType, outputBuffer(), bytes, metadata, metadataWords},
+                           &index.back().reserved);
+        if (error != 0) index.pop_back();
+        return error;
     }
-    void writeIndex(FILE* stream) const { qrvWriteIndex(stream, index, encodedFrameCount); }
+    uint32_t storedRecords() const { return uint32_t(index.size()); }
+    // Returns 0 or the errno of a failed write.
+    int writeIndex(FILE* stream) const { return qrvWriteIndex(stream, index, storedRecords()); }
 
 protected:
     uint32_t encodedFrameCount = 0;

@@ -1,14 +1,18 @@
 #include "container/qrv_file.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
 
+#include "container/checksum.h"
 #include "container/file_ranges.h"
 
-#ifndef _WIN32
+#ifdef _WIN32
+#include <io.h>
+#else
 #include <sys/mman.h>
 #include <unistd.h>
 #endif
@@ -208,24 +212,76 @@ int64_t qrvTell(FILE* stream) {
 
 // ---- Writer -------------------------------------------------------------------
 
-void qrvWriteRecord(FILE* stream, const QrvRecord& record) {
-    const uint32_t storedPayloadBytes = uint32_t(record.payloadBytes);
-    const uint64_t sampleTime = record.captureTime / 1000;
-    fwrite(&record.frameNumber, 4, 1, stream);
-    fwrite(&record.captureTime, 8, 1, stream);
-    fwrite(&record.frameType, 4, 1, stream);
-    fwrite(&storedPayloadBytes, 4, 1, stream);
-    if (record.payload && record.payloadBytes > 0) fwrite(record.payload, 1, size_t(record.payloadBytes), stream);
-    fwrite(&sampleTime, 8, 1, stream);
-    if (record.metadata && record.metadataWords > 0)
-        fwrite(record.metadata, 4, size_t(record.metadataWords), stream);
+namespace {
+
+// Ends the file behind `stream` at `size`; false where it cannot be cut (a pipe, a device).
+bool cutFileAt(FILE* stream, int64_t size) {
+#ifdef _WIN32
+    return _chsize_s(_fileno(stream), size) == 0;
+#else
+    return ftruncate(fileno(stream), off_t(size)) == 0;
+#endif
 }
 
-void qrvWriteIndex(FILE* stream, const std::vector<QrvIndexEntry>& index, uint32_t frameCount) {
-    std::vector<QrvIndexEntry> block(index);
-    for (QrvIndexEntry& entry : block) entry.reserved = 0;
-    if (!block.empty()) fwrite(block.data(), sizeof(QrvIndexEntry), block.size(), stream);
-    fwrite(&frameCount, 4, 1, stream);
+// Puts the stream back at `start` after a failed write and cuts off what reached the file from
+// there, so that what is written next lands where the failed piece began. (The C library drops
+// the bytes it could not write from its buffer, so the seek does not write them again.) Returns
+// the write's errno.
+int abandonWrite(FILE* stream, int64_t start, int error) {
+    if (qrvSeek(stream, start, SEEK_SET) == 0) cutFileAt(stream, start);
+    return error != 0 ? error : EIO;
+}
+
+// Writes `bytes` (none when empty); false with errno set when they do not all reach the stream.
+bool writeAll(FILE* stream, const void* bytes, size_t byteCount) {
+    errno = 0;
+    return byteCount == 0 || fwrite(bytes, 1, byteCount, stream) == byteCount;
+}
+
+bool flushed(FILE* stream) {
+    errno = 0;
+    return fflush(stream) == 0;
+}
+
+}  // namespace
+
+bool qrvMetadataFits(const uint32_t* metadata, int32_t metadataWords) {
+    return metadataWords >= 0 && size_t(metadataWords) <= kMetadataWords && (metadata || metadataWords == 0);
+}
+
+// Every record carries all 64 metadata words, the shorter counts padded with zeros: readers find a
+// record's sample info as the 264 bytes before the next record, so any other length misplaces it.
+int qrvWriteRecord(FILE* stream, const QrvRecord& record, uint32_t* checksum) {
+    if (!qrvMetadataFits(record.metadata, record.metadataWords)) return EINVAL;
+    const int64_t start = qrvTell(stream);
+    if (start < 0) return errno != 0 ? errno : EIO;
+    uint8_t head[kQrvRecordHeadBytes];
+    const uint32_t storedPayloadBytes = uint32_t(record.payloadBytes);
+    memcpy(head, &record.frameNumber, 4);
+    memcpy(head + 4, &record.captureTime, 8);
+    memcpy(head + 12, &record.frameType, 4);
+    memcpy(head + 16, &storedPayloadBytes, 4);
+    QrvSampleInfo info{record.captureTime / 1000, {}};
+    if (record.metadataWords > 0) memcpy(info.metadata, record.metadata, size_t(record.metadataWords) * 4);
+    const size_t payloadBytes = record.payload ? size_t(record.payloadBytes) : 0;
+    if (checksum)
+        *checksum = qrvChecksum(qrvChecksum(qrvChecksum(0, head, sizeof head), record.payload, payloadBytes), &info,
+                                sizeof info);
+    // Each piece is checked and the record flushed, so that a full disk or a file size limit fails
+    // this record, not a later one or the index.
+    if (!writeAll(stream, head, sizeof head) || !writeAll(stream, record.payload, payloadBytes) ||
+        !writeAll(stream, &info, sizeof info) || !flushed(stream))
+        return abandonWrite(stream, start, errno);
+    return 0;
+}
+
+int qrvWriteIndex(FILE* stream, const std::vector<QrvIndexEntry>& index, uint32_t frameCount) {
+    const int64_t start = qrvTell(stream);
+    if (start < 0) return errno != 0 ? errno : EIO;
+    if (!writeAll(stream, index.data(), index.size() * sizeof(QrvIndexEntry)) ||
+        !writeAll(stream, &frameCount, sizeof frameCount) || !flushed(stream))
+        return abandonWrite(stream, start, errno);
+    return 0;
 }
 
 // ---- Shared reader rules --------------------------------------------------------

@@ -4,7 +4,7 @@
 //   client header | frame records | index entries (16 bytes each) | u32 frame count
 // Frame record:
 //   u32 frameNumber | u64 captureTime | u32 frameType | u32 payloadBytes | payload
-//   | u64 sampleTime (captureTime / 1000) | metadata words (u32 each; readers assume 64)
+//   | u64 sampleTime (captureTime / 1000) | 64 metadata words (u32 each)
 #pragma once
 
 #include <cstddef>
@@ -21,10 +21,12 @@ constexpr size_t kMetadataWords = kMetadataBytes / 4;
 // frameNumber, captureTime, frameType, payloadBytes.
 constexpr uint64_t kQrvRecordHeadBytes = 20;
 
+// Record checksum: the reserved word holds qrvChecksum (CRC-32) of the whole record as written, in
+// file order: the 20 head bytes, the payload, the 8-byte sample time and the 256 metadata bytes.
 struct QrvIndexEntry {
     uint64_t recordOffset;  // stream position of the record's frameNumber
     uint32_t frameType;
-    uint32_t reserved;      // written as 0, ignored by readers
+    uint32_t reserved;      // the record checksum (older files: 0); the readers ignore it
 };
 static_assert(sizeof(QrvIndexEntry) == 16, "index entries are 16 bytes in the file");
 
@@ -67,15 +69,24 @@ struct QrvRecord {
     uint32_t frameType;
     const uint8_t* payload;
     uint64_t payloadBytes;     // only the low 32 bits are stored in the head
-    const uint32_t* metadata;  // may be null when metadataWords <= 0
-    int32_t metadataWords;     // a null pointer or a count <= 0 writes no metadata
+    const uint32_t* metadata;  // may be null when metadataWords is 0
+    int32_t metadataWords;     // 0 to 64; the words after these are written as 0
 };
 
-// Writes the seven fields of one record at the stream's current position.
-void qrvWriteRecord(FILE* stream, const QrvRecord& record);
+// Whether a record with this metadata can be written: 0 to 64 words, and words behind a count.
+bool qrvMetadataFits(const uint32_t* metadata, int32_t metadataWords);
 
-// Writes all index entries as one block, then the u32 frame count.
-void qrvWriteIndex(FILE* stream, const std::vector<QrvIndexEntry>& index, uint32_t frameCount);
+// Writes one record at the stream's current position and flushes it to the system, so that a
+// host that dies loses at most the frame in flight. Returns 0 and the record's checksum, or the
+// errno of the failed write (EINVAL for metadata that does not fit) after putting the stream back
+// at the record's start and cutting off what reached the file, so that the next record or the
+// index is written there and no torn record is left behind.
+int qrvWriteRecord(FILE* stream, const QrvRecord& record, uint32_t* checksum = nullptr);
+
+// Writes all index entries as one block, then the u32 frame count, and flushes. Returns 0, or the
+// errno of the failed write with the stream put back where the index starts, so that a later
+// try writes it in the same place.
+int qrvWriteIndex(FILE* stream, const std::vector<QrvIndexEntry>& index, uint32_t frameCount);
 
 // ---- Shared reader rules --------------------------------------------------------
 
