@@ -3,7 +3,7 @@
  *
  * A host creates one pipe for encoding or for decoding and drives it through the
  * calls below. Calls return 0 on success and 1 on failure unless noted; the text of
- * the last failure is read with ZOHW_GetError. */
+ * the last failure is read with ZOHW_GetError. No call lets a C++ exception out. */
 #ifndef ZO_QRV64_H
 #define ZO_QRV64_H
 
@@ -40,6 +40,8 @@ ZOHW_API void ZOHW_Destroy(ZoHwPipe* pipe);
 /* outBitstream needs room for width x height x 4 bytes; a frame that needs more fails. */
 ZOHW_API uint32_t ZOHW_Encode(ZoHwPipe* pipe, uint64_t* outSize, const void* frame,
                               uint64_t framePitch, void* outBitstream);
+/* Appends one frame record to the file and flushes it. metadataWords: 0 to 64 (fewer are
+ * padded with zero words); a failed write leaves the file as it was before the call. */
 ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* outSize,
                                         const void* frame, uint64_t framePitch,
                                         uint64_t timestamp, const uint32_t* metadata,

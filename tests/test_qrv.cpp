@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include "container/checksum.h"
 #include "support.h"
 
 // Sample time = capture time / 1000; each index entry's spare word is the CRC-32 (zlib's, computed
@@ -46,4 +47,17 @@ TEST(QrvHostile, IndexBeyondTwoGibibytesIsOutOfReach) {
     QrvHardwareReader hardware;
     QrvSoftwareIndex software;
     EXPECT_FALSE(hardware.readIndex(file.get()) || qrvReadSoftwareIndex(file.get(), software) || hardware.index().capacity());
+}
+
+// Record checksums are zlib's CRC-32 at every length and alignment, continued from any value, whichever
+// way (folding 128 or 512 bits at a time, or zlib for the bytes after the blocks) they are computed.
+TEST(QrvChecksum, IsZlibsCrc32) {
+    const Bytes bytes = randomBytes(5000, 9);
+    for (size_t length = 0; length < 1100; ++length)
+        for (size_t offset : {0, 3}) {
+            const uint32_t start = uint32_t(length * 2654435761u);
+            ASSERT_EQ(qrvChecksum(start, &bytes[offset], length), crc32(start, &bytes[offset], uInt(length)))
+                << length << " at " << offset;
+        }
+    EXPECT_EQ(qrvChecksum(0, bytes.data(), bytes.size()), crc32(0, bytes.data(), uInt(bytes.size())));
 }
