@@ -122,7 +122,7 @@ struct QrvBuilder {
         Bytes out = records;
         for (const QrvIndexEntry& entry : index) {
             putLittleEndian(out, out.size(), entry.recordOffset, 8);
-            putLittleEndian(out, out.size(), entry.frameType, 8);  // the frame type, then a reserved 0
+            putLittleEndian(out, out.size(), entry.frameType | uint64_t(entry.reserved) << 32, 8);  // the checksum word
         }
         putLittleEndian(out, out.size(), index.size(), 4);
         return out;

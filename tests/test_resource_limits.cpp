@@ -82,7 +82,7 @@ TEST(FuzzRegressions, KeptInputsEndQuickly) {
         if (ZOHW_CreateQRVTracker(pipe.get(), file.get()) == 0)
             for (int32_t sample = 0; sample < 4; ++sample) {
                 decodeNext(pipe.get(), file.get(), 64 * 48 * 2);
-                // A seek past the last sample throws, as host applications expect: only served samples.
+                // A seek past the last sample fails with "invalid vector<T> subscript": only served samples.
                 if (sample == 0 || ZOHW_GetTimeStampForSample(pipe.get(), file.get(), sample, &time) == 0)
                     ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), sample);
             }
@@ -114,17 +114,15 @@ TEST(OutOfMemory, DecodingAndErrorTextsFailWithoutThrowing) {
     uint32_t frameNumber = 0, frameType = 0;
     uint64_t time = 0, size = 0;
     uint32_t read = 0, encode = 0, index = 0;
-    char text[32];
     {
         const AllocationCap cap(0);  // checks come after it: a failing check needs memory
         read = ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber, &time, &frameType,
                                            metadata);
         index = ZOHW_CreateQRVTracker(pipe.get(), file.get());
-        snprintf(text, sizeof text, "%s", ZOHW_GetError(pipe.get()));
+        EXPECT_STREQ(ZOHW_GetError(pipe.get()), "std::bad_alloc");  // allocates only when it fails
         encode = ZOHW_Encode(pipe.get(), &size, frame.data(), 128, frame.data());
     }
     EXPECT_EQ(std::make_tuple(read, encode, index), std::make_tuple(1u, 1u, 1u));
-    EXPECT_STREQ(text, "std::bad_alloc");
     EXPECT_STREQ(ZOHW_GetError(pipe.get()), "Invalid ZoHwPipe encoder.");
     EXPECT_GT(refusedAllocations, 0u);
     EXPECT_EQ(ZOHW_CreateQRVTracker(pipe.get(), file.get()), 0u) << "the index is read once there is memory";
