@@ -21,7 +21,6 @@ int main(void) {
     static uint32_t metadata[65];
     uint64_t size = 0;
     int failures = 0;
-    const uint8_t twoSamples[2] = {0x5A, 0xA5};
     const char* badCount = "Metadata word count must be 0 to 64, with a non-null pointer above 0";
     setenv("ZOQRV_ENCODER", "x265", 1);
     ZoHwPipe* encoder = ZOHW_CreateEncoder(3, 1, 0, kWidth, kHeight, 1000000, 30);
@@ -35,11 +34,13 @@ int main(void) {
                        "Cannot write the frame record: Bad file descriptor");
     for (int i = 0; i < kFrames; ++i, frame[i] = 0xFF) failures += expect("a store", STORE(file, 1000u * i, 64), 0, encoder, "");
     failures += expect("closing", ZOHW_CloseQRVContainer(encoder, file), 0, encoder, "");
-    failures += expect("an overflow", ZOHW_Encode(tiny, &size, twoSamples, 1, bitstream), 1, tiny,
+    failures += expect("an overflow", ZOHW_Encode(tiny, &size, frame, 1, bitstream), 1, tiny,
                        "Encode output buffer overflow");
     ZoHwPipe* decoder = ZOHW_CreateDecoder(3, 1, kWidth, kHeight, 0);
     failures += expect("reading the index", ZOHW_CreateQRVTracker(decoder, file), 0, decoder, "");
     failures += expect("a seek past the index", ZOHW_SetHEVCPositionInFile(decoder, file, kFrames), 1, decoder,
                        "invalid vector<T> subscript");
-    return failures != 0;  /* the process ends: nothing to free */
+    ZOHW_Destroy(decoder), ZOHW_Destroy(tiny), ZOHW_Destroy(encoder);
+    fclose(readOnly), fclose(file);
+    return failures != 0;
 }
