@@ -5,9 +5,8 @@
 
 #include "support.h"
 
-// Sample time = capture time / 1000; each index entry's spare word is the CRC-32 (zlib's, computed
-// here) of its record's bytes, records of 284 to 4381 bytes taking every way qrvChecksum computes it
-// (metadata counts: test_recording_writes.cpp).
+// Sample time = capture time / 1000; each index entry's spare word is its record's CRC-32 (zlib's, here),
+// records of 284 to 4381 bytes taking every way qrvChecksum computes it (metadata: test_recording_writes).
 TEST(QrvWriter, MatchesTheBuilderByteForByte) {
     TestFile file = openBytes({'H', 'D', 'R', 0, 7});
     fseeko(file.get(), 0, SEEK_END);

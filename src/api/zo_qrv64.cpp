@@ -429,7 +429,10 @@ ZOHW_API uint32_t ZOHW_CreateQRVContainer(ZoHwPipe* pipe, FILE* stream, const ui
     return guarded(pipe, kFailed, [&] {
         if (!isEncoderPipe(pipe)) return kFailed;
         if (!stream || headerBytes < 0 || (headerBytes > 0 && !header)) return kFailed;
-        if (headerBytes > 0) std::fwrite(header, 1, static_cast<size_t>(headerBytes), stream);
+        // Checked, unlike the format's first writer: a recording whose header was lost is one that
+        // its tools cannot read.
+        const int error = qrvWriteHeader(stream, header, static_cast<size_t>(headerBytes));
+        if (error != 0) throwWriteError(error, "Cannot write the recording header");
         return kOk;
     });
 }

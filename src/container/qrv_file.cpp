@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <new>
 
@@ -232,15 +233,20 @@ int abandonWrite(FILE* stream, int64_t start, int error) {
     return error != 0 ? error : EIO;
 }
 
-// Writes `bytes` (none when empty); false with errno set when they do not all reach the stream.
-bool writeAll(FILE* stream, const void* bytes, size_t byteCount) {
-    errno = 0;
-    return byteCount == 0 || fwrite(bytes, 1, byteCount, stream) == byteCount;
-}
+using WritePiece = std::pair<const void*, size_t>;
 
-bool flushed(FILE* stream) {
+// Writes `pieces` in order at the stream's position and flushes them, so that a full disk or a
+// file size limit fails this write, not a later one. Returns 0, or the errno of the failed write
+// after abandonWrite().
+int writeAndFlush(FILE* stream, std::initializer_list<WritePiece> pieces) {
+    const int64_t start = qrvTell(stream);
+    if (start < 0) return errno != 0 ? errno : EIO;
+    for (const auto& [bytes, byteCount] : pieces) {
+        errno = 0;
+        if (byteCount > 0 && fwrite(bytes, 1, byteCount, stream) != byteCount) return abandonWrite(stream, start, errno);
+    }
     errno = 0;
-    return fflush(stream) == 0;
+    return fflush(stream) == 0 ? 0 : abandonWrite(stream, start, errno);
 }
 
 }  // namespace
@@ -253,8 +259,6 @@ bool qrvMetadataFits(const uint32_t* metadata, int32_t metadataWords) {
 // record's sample info as the 264 bytes before the next record, so any other length misplaces it.
 int qrvWriteRecord(FILE* stream, const QrvRecord& record, uint32_t* checksum) {
     if (!qrvMetadataFits(record.metadata, record.metadataWords)) return EINVAL;
-    const int64_t start = qrvTell(stream);
-    if (start < 0) return errno != 0 ? errno : EIO;
     uint8_t head[kQrvRecordHeadBytes];
     const uint32_t storedPayloadBytes = uint32_t(record.payloadBytes);
     memcpy(head, &record.frameNumber, 4);
@@ -267,21 +271,15 @@ int qrvWriteRecord(FILE* stream, const QrvRecord& record, uint32_t* checksum) {
     if (checksum)
         *checksum = qrvChecksum(qrvChecksum(qrvChecksum(0, head, sizeof head), record.payload, payloadBytes), &info,
                                 sizeof info);
-    // Each piece is checked and the record flushed, so that a full disk or a file size limit fails
-    // this record, not a later one or the index.
-    if (!writeAll(stream, head, sizeof head) || !writeAll(stream, record.payload, payloadBytes) ||
-        !writeAll(stream, &info, sizeof info) || !flushed(stream))
-        return abandonWrite(stream, start, errno);
-    return 0;
+    return writeAndFlush(stream, {{head, sizeof head}, {record.payload, payloadBytes}, {&info, sizeof info}});
 }
 
 int qrvWriteIndex(FILE* stream, const std::vector<QrvIndexEntry>& index, uint32_t frameCount) {
-    const int64_t start = qrvTell(stream);
-    if (start < 0) return errno != 0 ? errno : EIO;
-    if (!writeAll(stream, index.data(), index.size() * sizeof(QrvIndexEntry)) ||
-        !writeAll(stream, &frameCount, sizeof frameCount) || !flushed(stream))
-        return abandonWrite(stream, start, errno);
-    return 0;
+    return writeAndFlush(stream, {{index.data(), index.size() * sizeof(QrvIndexEntry)}, {&frameCount, 4}});
+}
+
+int qrvWriteHeader(FILE* stream, const uint8_t* header, size_t headerBytes) {
+    return writeAndFlush(stream, {{header, headerBytes}});
 }
 
 // ---- Shared reader rules --------------------------------------------------------

@@ -83,6 +83,9 @@ bool qrvMetadataFits(const uint32_t* metadata, int32_t metadataWords);
 // index is written there and no torn record is left behind.
 int qrvWriteRecord(FILE* stream, const QrvRecord& record, uint32_t* checksum = nullptr);
 
+// Writes the client's header as it is and flushes it; 0 or the errno of a failed write, as above.
+int qrvWriteHeader(FILE* stream, const uint8_t* header, size_t headerBytes);
+
 // Writes all index entries as one block, then the u32 frame count, and flushes. Returns 0, or the
 // errno of the failed write with the stream put back where the index starts, so that a later
 // try writes it in the same place.
