@@ -191,16 +191,11 @@ public:
             for (py::ssize_t i = 0; i < metadata->size(); ++i) words[i] = metadata->at(i);
         }
         const uint64_t number = writeCalls++;
-        std::string failure;
-        try {
-            uint64_t bytes = 0;
-            if (ZOHW_Encode_And_Store(pipe.get(), file.get(), &bytes, data.data(), packing::tightPitch(kind, width),
-                                      timestamp, words, int32_t(kMetadataWords)) == 0)
-                return true;
-            failure = ZOHW_GetError(pipe.get());
-        } catch (const Exception& e) {
-            failure = e.message();
-        }
+        uint64_t bytes = 0;
+        if (ZOHW_Encode_And_Store(pipe.get(), file.get(), &bytes, data.data(), packing::tightPitch(kind, width),
+                                  timestamp, words, int32_t(kMetadataWords)) == 0)
+            return true;
+        const std::string failure = ZOHW_GetError(pipe.get());
         // A frame lost is told, and the recording goes on: hours of frames behind it stay usable.
         ++notStored;
         const std::string text = "frame " + std::to_string(number) + " not stored: " +
@@ -213,9 +208,9 @@ public:
 
     void close() {
         if (!file) return;
-        ZOHW_CloseQRVContainer(pipe.get(), file.get());
-        const bool written = !std::ferror(file.get()) && std::fclose(file.release()) == 0;
-        if (!written) throw std::runtime_error("the recording could not be written");
+        // The library checks its writes; the stream's error flag stays set after a frame it rolled back.
+        const bool indexed = ZOHW_CloseQRVContainer(pipe.get(), file.get()) == 0;
+        if (std::fclose(file.release()) != 0 || !indexed) throw std::runtime_error("the recording could not be written");
     }
 
 private:

@@ -22,7 +22,6 @@
 #include <vector>
 
 #include "api/pipe.h"
-#include "codec/Exception.h"
 #include "codec/SwEncoder.h"
 #include "commands.h"
 #include "kernels/packing.h"
@@ -200,14 +199,10 @@ const char* encoderName(ZoHwPipe* pipe) {
 // Encodes and stores one frame; the library's text when it did not.
 std::string store(ZoHwPipe* pipe, FILE* out, const uint8_t* frame, uint64_t pitch, uint64_t captureTime,
                   const uint32_t* metadata, uint64_t& size) {
-    try {
-        if (ZOHW_Encode_And_Store(pipe, out, &size, frame, pitch, captureTime, metadata, int32_t(kMetadataWords)) == 0)
-            return {};
-        const std::string text = ZOHW_GetError(pipe);
-        return text.empty() ? "the encoder gave no bytes" : text;
-    } catch (const Exception& e) {
-        return e.message();
-    }
+    if (ZOHW_Encode_And_Store(pipe, out, &size, frame, pitch, captureTime, metadata, int32_t(kMetadataWords)) == 0)
+        return {};
+    const std::string text = ZOHW_GetError(pipe);
+    return text.empty() ? "the encoder gave no bytes" : text;
 }
 
 }  // namespace
@@ -283,7 +278,8 @@ int runRecord(const Arguments& args) {
     // Every frame recorded so far stays in a valid file, whatever ended the input.
     const bool indexed = ZOHW_CloseQRVContainer(pipe.get(), out.get()) == 0;
     if (options.syncEvery >= 0) sync();
-    const bool written = indexed && !ferror(out.get()) && fclose(out.release()) == 0;
+    // (The stream's error flag stays set after a record that the library rolled back.)
+    const bool written = indexed && fclose(out.release()) == 0;
     const uint32_t lost = frames - stored;
     printf("%u frames, %" PRIu64 " bytes, encoder %s, %s, %.1f frames/s\n", stored, bytes, encoderName(pipe.get()),
            coding.c_str(), seconds > 0 ? stored / seconds : 0.0);
