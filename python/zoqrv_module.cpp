@@ -163,7 +163,8 @@ public:
         file.reset(std::fopen(path.c_str(), "wb"));
         if (!file) throw py::value_error("cannot create " + path);
         const std::vector<uint8_t> header = encodeRecordingHeader({kind, width, height, fps, kHevc});
-        ZOHW_CreateQRVContainer(pipe.get(), file.get(), header.data(), int32_t(header.size()));
+        if (ZOHW_CreateQRVContainer(pipe.get(), file.get(), header.data(), int32_t(header.size())) != 0)
+            throw std::runtime_error(ZOHW_GetError(pipe.get()));
     }
 
     // A recorder dropped without close() still leaves a readable file.

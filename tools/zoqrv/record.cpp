@@ -231,7 +231,8 @@ int runRecord(const Arguments& args) {
         &ZOHW_Destroy);
     if (!pipe) return fail(ZOHW_GetError(nullptr));
     const std::vector<uint8_t> fileHeader = encodeRecordingHeader(header);
-    ZOHW_CreateQRVContainer(pipe.get(), out.get(), fileHeader.data(), int32_t(fileHeader.size()));
+    if (ZOHW_CreateQRVContainer(pipe.get(), out.get(), fileHeader.data(), int32_t(fileHeader.size())) != 0)
+        return fail(ZOHW_GetError(pipe.get()));
     const std::string coding = lossless ? "lossless" : std::to_string(options.bitrate) + " bit/s";
     fprintf(stderr, "zoqrv: recording %s %ux%u at %u frames/s, %s, encoder %s\n", kindName(header.kind),
             header.width, header.height, header.frameRate, coding.c_str(), encoderName(pipe.get()));
