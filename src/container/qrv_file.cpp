@@ -10,6 +10,7 @@
 
 #include "container/checksum.h"
 #include "container/file_ranges.h"
+#include "container/qrv_scan.h"
 
 #ifdef _WIN32
 #include <io.h>
@@ -27,8 +28,9 @@ namespace {
 
 constexpr uint64_t kSampleInfoBytes = sizeof(QrvSampleInfo);
 constexpr uint64_t kTrailerBytes = 4;
-// The least room one record takes in a file: its head, its sample info and its index entry.
-constexpr uint64_t kLeastRecordFileBytes = kQrvRecordHeadBytes + kSampleInfoBytes + sizeof(QrvIndexEntry);
+// The least room one record takes in a file: its head and its sample info (a file that was never
+// closed has no index entries).
+constexpr uint64_t kLeastRecordFileBytes = kQrvRecordHeadBytes + kSampleInfoBytes;
 
 bool readExact(FILE* stream, void* destination, size_t bytes) {
     return fread(destination, 1, bytes, stream) == bytes;
@@ -127,45 +129,67 @@ FileRange sampleInfoBefore(const QrvIndexEntry& entry) {
                                                   : kNoFileRange;
 }
 
-// Reads the sample infos of an index and, when `heads` is given, the head of every record,
-// in one pass over the file. Entry i of the index gives where record i - 1 ends, so table
-// position k receives the info of record k; the last record has no following entry and gets
-// none here. Unreadable infos are skipped; an unreadable head fails the read. So does a table
+// Reads the head of every record and the sample infos of an index in one pass over the file,
+// and keeps the heads when `heads` is given. Entry i of the index gives where record i - 1 ends,
+// so table position k receives the info of record k; the last record has no following entry and
+// gets none here. Unreadable infos are skipped. An entry that does not point at a record head
+// (one of its frame type, whose record ends by `recordsEnd`) fails the read, and so does a table
 // that would hold more entries than the file can hold records.
-bool readRecordTables(const FileBytes& file, const std::vector<QrvIndexEntry>& index, uint32_t count,
+bool readRecordTables(const FileBytes& file, const std::vector<QrvIndexEntry>& index, uint64_t recordsEnd,
                       std::vector<QrvSampleInfo>& infos, std::vector<QrvRecordHead>* heads) {
-    const size_t capacity = recordCapacity(file.size());
-    if (heads && index.size() > capacity) return false;
+    const size_t count = index.size();
+    if (count > recordCapacity(file.size())) return false;
     // Room for N infos: the software reader appends the last record's after this.
-    reserveTable(infos, std::min<size_t>(count, capacity));
-    if (heads) reserveTable(*heads, index.size());
-    // Range 2k is the head of record k when heads are read, range 2k + 1 (or k alone) its info.
-    const size_t stride = heads ? 2 : 1;
-    FileRangeReader ranges(file, size_t(count) * stride, [&](size_t j) {
-        const size_t record = j / stride;
-        if (heads && j % 2 == 0)
-            return record < index.size() ? FileRange{index[record].recordOffset, kQrvRecordHeadBytes} : kNoFileRange;
-        return record + 1 < index.size() ? sampleInfoBefore(index[record + 1]) : kNoFileRange;
+    reserveTable(infos, count);
+    if (heads) reserveTable(*heads, count);
+    // Range 2k is the head of record k, range 2k + 1 its info.
+    FileRangeReader ranges(file, count * 2, [&](size_t j) {
+        const size_t record = j / 2;
+        if (j % 2 == 0) return FileRange{index[record].recordOffset, kQrvRecordHeadBytes};
+        return record + 1 < count ? sampleInfoBefore(index[record + 1]) : kNoFileRange;
     });
     for (size_t record = 0; record < count; ++record) {
-        if (heads && record < index.size()) {
-            const uint8_t* raw = ranges.at(record * stride);
-            if (!raw) return false;
-            QrvRecordHead head;
-            uint32_t payloadBytes = 0;
-            decodeHead(raw, head, payloadBytes);
-            heads->push_back(head);
-        }
+        const uint8_t* raw = ranges.at(record * 2);
+        if (!raw) return false;
+        QrvRecordHead head;
+        uint32_t payloadBytes = 0;
+        decodeHead(raw, head, payloadBytes);
+        if (head.frameType != index[record].frameType ||
+            !rangeInFile(int64_t(recordsEnd), index[record].recordOffset,
+                         kQrvRecordHeadBytes + uint64_t(payloadBytes) + kSampleInfoBytes))
+            return false;
+        if (heads) heads->push_back(head);
         if (record + 1 == count) break;
-        qrvAt(index, record + 1);  // an index cut short has no entry here
-        const uint8_t* info = ranges.at(record * stride + stride - 1);
+        const uint8_t* info = ranges.at(record * 2 + 1);
         if (!info) continue;
-        if (infos.size() == capacity) return false;
         QrvSampleInfo copy;
         memcpy(&copy, info, sizeof copy);
         infos.push_back(copy);
     }
     return true;
+}
+
+// Lists the records of a file and reads their tables: from the file's own index when it fits the
+// file, else from a scan of the records, which is how a recording that was never closed (or was
+// cut short) is read: as the file that closing it after its last complete record would have made.
+// Readers used to refuse such files; their records are the data the host recorded.
+bool readRecords(const FileBytes& file, std::vector<QrvIndexEntry>& index, uint32_t& frameCount,
+                 QrvRecordsFound& found, std::vector<QrvSampleInfo>& infos, std::vector<QrvRecordHead>* heads) {
+    found = {true, 0, uint64_t(std::max<int64_t>(file.size(), 0))};
+    if (readTrailer(file, frameCount) && frameCount > 0 && readIndexEntries(file, frameCount, index) &&
+        index.size() == frameCount) {
+        found.recordsEnd = found.fileBytes - (uint64_t(frameCount) * sizeof(QrvIndexEntry) + kTrailerBytes);
+        if (readRecordTables(file, index, found.recordsEnd, infos, heads)) return true;
+    }
+    infos.clear();
+    if (heads) heads->clear();
+    QrvRecordScan scan;
+    if (!qrvScanRecords(file, scan)) return false;
+    index = std::move(scan.index);
+    // What closing the file would have written: the encoder's count, the last record's number.
+    frameCount = scan.lastFrameNumber;
+    found = {false, scan.recordsEnd, found.fileBytes};
+    return readRecordTables(file, index, found.recordsEnd, infos, heads);
 }
 
 // Where the index readers leave the stream: at the start of the file after a successful
@@ -303,12 +327,11 @@ bool QrvHardwareReader::readIndex(FILE* stream) {
     index_.clear();
     sampleInfos_.clear();
     const FileBytes file(stream);
-    if (!readTrailer(file, frameCount_)) frameCount_ = 0;
     // The table deliberately stops at N - 1 infos: the last record's info is never served here.
-    if (frameCount_ == 0 || !readIndexEntries(file, frameCount_, index_) ||
-        !readRecordTables(file, index_, frameCount_, sampleInfos_, nullptr)) {
+    if (!readRecords(file, index_, frameCount_, found_, sampleInfos_, nullptr)) {
         index_ = {};
         sampleInfos_ = {};
+        frameCount_ = 0;
         return finishIndexRead(stream, false);
     }
     return finishIndexRead(stream, true);
@@ -416,21 +439,18 @@ bool QrvHardwareReader::seekToSample(FILE* stream, int32_t sample, uint32_t widt
 namespace {
 
 bool readSoftwareIndex(const FileBytes& file, QrvSoftwareIndex& read) {
-    uint32_t trailer = 0;
-    if (!readTrailer(file, trailer)) return false;
-    read.sampleCount = int32_t(trailer);
-    if (read.sampleCount < 1 || !readIndexEntries(file, trailer, read.frameList)) return false;
+    uint32_t frameCount = 0;
     // The record heads answer every sample lookup of the software decoder, so a record that
     // lies outside the file makes the whole index unusable.
-    if (!readRecordTables(file, read.frameList, trailer, read.sampleInfos, &read.recordHeads)) return false;
+    if (!readRecords(file, read.frameList, frameCount, read.found, read.sampleInfos, &read.recordHeads)) return false;
+    read.sampleCount = int32_t(frameCount);
+    if (read.sampleCount < 1) return false;
 
-    // The last record's metadata ends where the index begins. Its time is not read from the
+    // The last record's metadata ends where the records end. Its time is not read from the
     // file: the head's captureTime / 1000 is what the writer stored there.
-    const int64_t indexStart =
-        file.size() - (int64_t(trailer) * int64_t(sizeof(QrvIndexEntry)) + int64_t(kTrailerBytes));
     QrvSampleInfo last;
-    if (!read.recordHeads.empty() && indexStart >= int64_t(kMetadataBytes) &&
-        file.read(uint64_t(indexStart) - kMetadataBytes, last.metadata, kMetadataBytes) == kMetadataBytes) {
+    if (read.found.recordsEnd >= kMetadataBytes &&
+        file.read(read.found.recordsEnd - kMetadataBytes, last.metadata, kMetadataBytes) == kMetadataBytes) {
         last.sampleTime = read.recordHeads.back().captureTime / 1000;
         read.sampleInfos.push_back(last);
     }

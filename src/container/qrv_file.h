@@ -102,6 +102,13 @@ bool qrvLookUpSampleInfo(const std::vector<QrvSampleInfo>& infos, int32_t sample
 // size throws QrvSubscriptError.
 int32_t qrvKeyFrameAtOrBefore(const std::vector<QrvIndexEntry>& index, int32_t sample);
 
+// How a reader found the records of the file it read last.
+struct QrvRecordsFound {
+    bool closed = false;      // listed by the file's own index; false: found by a scan of the records
+    uint64_t recordsEnd = 0;  // where the last record ends (where a closed file's index starts)
+    uint64_t fileBytes = 0;   // the file's size when it was read
+};
+
 // ---- Hardware reader --------------------------------------------------------------
 
 // Decodes one payload into `out`; returns 1 or more when a frame was produced.
@@ -112,8 +119,9 @@ using QrvDecodeStep = std::function<int(const uint8_t* payload, uint32_t payload
 // buffer that the walks read into.
 class QrvHardwareReader {
 public:
-    // Reads the trailer, the index and the sample infos; false for an empty or
-    // unreadable index. Leaves the stream at the start of the file.
+    // Reads the trailer, the index and the sample infos, or, when the file has no index that
+    // fits it, scans its records; false when neither finds a record. Leaves the stream at the
+    // start of the file.
     bool readIndex(FILE* stream);
 
     // One try of sequential reading from the stream's position: 1 frame decoded,
@@ -132,6 +140,7 @@ public:
     uint32_t frameCount() const { return frameCount_; }
     const std::vector<QrvIndexEntry>& index() const { return index_; }
     const std::vector<QrvSampleInfo>& sampleInfos() const { return sampleInfos_; }
+    const QrvRecordsFound& found() const { return found_; }
 
 private:
     enum class RecordOutcome { Refused, Decoded, NotDecoded };
@@ -144,6 +153,7 @@ private:
     std::vector<QrvIndexEntry> index_;
     std::vector<QrvSampleInfo> sampleInfos_;
     uint32_t frameCount_ = 0;
+    QrvRecordsFound found_;
     std::vector<uint8_t> payloadBuffer_;  // grown (never shrunk) to width * height * 4 bytes
 };
 
@@ -155,10 +165,11 @@ struct QrvSoftwareIndex {
     std::vector<QrvSampleInfo> sampleInfos;  // N entries: the last one carries the last record's metadata
     std::vector<QrvRecordHead> recordHeads;
     int32_t sampleCount = 0;
+    QrvRecordsFound found;
 };
 
-// Reads the trailer, index, record heads and the N sample infos. Leaves the stream
-// at the start of the file.
+// Reads the trailer, index, record heads and the N sample infos, or scans the records of a
+// file without an index that fits it. Leaves the stream at the start of the file.
 bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables);
 
 // One record read by the software decoder, from the stream's position.
