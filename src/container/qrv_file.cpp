@@ -176,11 +176,9 @@ bool readRecordTables(const FileBytes& file, const std::vector<QrvIndexEntry>& i
 bool readRecords(const FileBytes& file, std::vector<QrvIndexEntry>& index, uint32_t& frameCount,
                  QrvRecordsFound& found, std::vector<QrvSampleInfo>& infos, std::vector<QrvRecordHead>* heads) {
     found = {true, 0, uint64_t(std::max<int64_t>(file.size(), 0))};
-    if (readTrailer(file, frameCount) && frameCount > 0 && readIndexEntries(file, frameCount, index) &&
-        index.size() == frameCount) {
-        found.recordsEnd = found.fileBytes - (uint64_t(frameCount) * sizeof(QrvIndexEntry) + kTrailerBytes);
-        if (readRecordTables(file, index, found.recordsEnd, infos, heads)) return true;
-    }
+    if (qrvReadClosedIndex(file, index, frameCount, found.recordsEnd) &&
+        readRecordTables(file, index, found.recordsEnd, infos, heads))
+        return true;
     infos.clear();
     if (heads) heads->clear();
     QrvRecordScan scan;
@@ -216,6 +214,15 @@ bool frameBytes(uint32_t width, uint32_t height, size_t& bytes) {
 }
 
 }  // namespace
+
+bool qrvReadClosedIndex(const FileBytes& file, std::vector<QrvIndexEntry>& index, uint32_t& frameCount,
+                        uint64_t& recordsEnd) {
+    if (!readTrailer(file, frameCount) || frameCount == 0 || !readIndexEntries(file, frameCount, index) ||
+        index.size() != frameCount)
+        return false;
+    recordsEnd = uint64_t(file.size()) - (uint64_t(frameCount) * sizeof(QrvIndexEntry) + kTrailerBytes);
+    return true;
+}
 
 // ---- Stream positions ----------------------------------------------------------
 

@@ -91,6 +91,8 @@ int qrvWriteHeader(FILE* stream, const uint8_t* header, size_t headerBytes);
 // try writes it in the same place.
 int qrvWriteIndex(FILE* stream, const std::vector<QrvIndexEntry>& index, uint32_t frameCount);
 
+class FileBytes;
+
 // ---- Shared reader rules --------------------------------------------------------
 
 // Sample lookup shared by both readers: samples below 1 or not below the table size
@@ -108,6 +110,12 @@ struct QrvRecordsFound {
     uint64_t recordsEnd = 0;  // where the last record ends (where a closed file's index starts)
     uint64_t fileBytes = 0;   // the file's size when it was read
 };
+
+// The index of a closed file: the trailer's count of entries, all of them, before the trailer;
+// `recordsEnd` is where they start. False when the file has no such index (it may still not
+// fit the records: the readers check each entry against its record's head).
+bool qrvReadClosedIndex(const FileBytes& file, std::vector<QrvIndexEntry>& index, uint32_t& frameCount,
+                        uint64_t& recordsEnd);
 
 // ---- Hardware reader --------------------------------------------------------------
 
@@ -191,8 +199,6 @@ bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, 
                            QrvSoftwareRecord& record);
 
 // ---- Record access by offset (tools) ------------------------------------------------
-
-class FileBytes;
 
 // Reads the head and payload size of the record at `offset` and, when `payload` is not
 // null, its payload (resized to fit). False when the head or the whole payload does not

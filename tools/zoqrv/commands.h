@@ -2,6 +2,7 @@
 // 0 success, 1 failure (one line on stderr), 2 usage error (the usage line on stderr).
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -14,6 +15,11 @@ int runImport(const Arguments& args);
 int runExport(const Arguments& args);
 int runExtract(const Arguments& args);
 int runRecord(const Arguments& args);
+int runRecover(const Arguments& args);
+int runVerify(const Arguments& args);
+
+// "unclosed recording: N complete records, M bytes after the last one" on stdout.
+void printUnclosed(size_t records, uint64_t bytesAfter);
 
 // Prints "zoqrv: " and the message on stderr; returns 1.
 int fail(const std::string& message);

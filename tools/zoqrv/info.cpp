@@ -67,7 +67,7 @@ int runInfo(const Arguments& args) {
     File file = openFile(path, "rb");
     if (!file) return fail("cannot open " + path);
     QrvSoftwareIndex tables;
-    if (!qrvReadSoftwareIndex(file.get(), tables)) return fail(path + ": not a QRV file (no readable sample index)");
+    if (!qrvReadSoftwareIndex(file.get(), tables)) return fail(path + ": not a QRV file (no readable sample index and no complete record)");
 
     size_t keyFrames = 0;
     for (const QrvIndexEntry& entry : tables.frameList) keyFrames += entry.frameType == kKeyFrameType;
@@ -78,6 +78,7 @@ int runInfo(const Arguments& args) {
                            qrvReadRecordAt(file.get(), tables.frameList[0].recordOffset, head, payloadBytes, &firstPayload);
     const AnnexBCodec codec = firstRead ? annexBDetectCodec(firstPayload.data(), firstPayload.size()) : AnnexBCodec::Unknown;
 
+    if (!tables.found.closed) printUnclosed(tables.frameList.size(), tables.found.fileBytes - tables.found.recordsEnd);
     printf("frames: %" PRId32 "\n", tables.sampleCount);
     printf("records: %zu\n", tables.frameList.size());
     printf("key frames: %zu\n", keyFrames);

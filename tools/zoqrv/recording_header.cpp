@@ -4,11 +4,14 @@
 #include <array>
 #include <iterator>
 
+#include "container/qrv_scan.h"
+
 namespace {
 
-constexpr uint32_t kMagic = 0x4852515A;  // the bytes "ZQRH"
+constexpr uint32_t kMagic = kRecordingHeaderMagic;
 constexpr size_t kWords = 6;
 constexpr size_t kBytes = kWords * 4;
+static_assert(kBytes == kRecordingHeaderBytes, "the readers' scan finds the first record after this header");
 constexpr const char* kKindNames[] = {"bgra", "uyvy", "u4", "u8", "u16", "u32"};
 
 }  // namespace
