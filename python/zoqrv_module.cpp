@@ -19,6 +19,7 @@
 #include "codec/Exception.h"
 #include "codec/SwDecoder.h"
 #include "container/qrv_file.h"
+#include "container/qrv_recovery.h"
 #include "kernels/packing.h"
 #include "recording_header.h"
 #include "zo_qrv64.h"
@@ -74,6 +75,11 @@ public:
             tables.recordHeads.size() != size_t(tables.sampleCount) ||
             tables.sampleInfos.size() != size_t(tables.sampleCount))
             throw py::value_error(path + ": cannot read the sample index");
+        if (!tables.found.closed &&
+            PyErr_WarnEx(PyExc_RuntimeWarning,
+                         (path + ": the recording was not closed; reading its " + std::to_string(tables.frameList.size()) +
+                          " complete records").c_str(), 1) != 0)
+            throw py::error_already_set();
         RecordingHeader header;
         const bool described = readRecordingHeader(file.get(), tables, header);
         if (!kindName && !described) throw py::value_error(path + ": no recording header; give kind and size");
@@ -123,6 +129,16 @@ public:
         py::array_t<uint32_t> out{py::ssize_t(kMetadataWords)};
         std::memcpy(out.mutable_data(), tables.sampleInfos[size_t(checkedIndex(index))].metadata, kMetadataBytes);
         return out;
+    }
+
+    bool closed() const { return tables.found.closed; }
+
+    // The numbers of the records that fail their checksums.
+    std::vector<size_t> verify() const {
+        QrvVerification result;
+        if (!qrvVerify(file.get(), result) || !result.closed)
+            throw std::runtime_error("the recording was not closed: it has no checksums to check (zoqrv recover closes it)");
+        return result.damaged;
     }
 
     std::string kindText() const { return kindName(kind); }
@@ -245,6 +261,8 @@ PYBIND11_MODULE(zoqrv, m) {
         .def("metadata", &Recording::metadata, py::arg("index"))
         .def_property_readonly("timestamps", &Recording::timestamps)
         .def_property_readonly("frame_types", &Recording::frameTypes)
+        .def("verify", &Recording::verify)
+        .def_property_readonly("closed", &Recording::closed)
         .def_property_readonly("kind", &Recording::kindText)
         .def_property_readonly("size", &Recording::frameSize);
     m.def(

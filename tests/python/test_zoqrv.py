@@ -49,6 +49,28 @@ def test_lossless_round_trip(tmp_path, kind, dtype, shape, scale):
 ])
 def test_failures_raise(tmp_path, call, error, text):
     record(tmp_path / "ok.qrv", "u16", (32, 16), [np.zeros((16, 32), np.uint16)] * 2)
-    (tmp_path / "cut.qrv").write_bytes((tmp_path / "ok.qrv").read_bytes()[:-9])
+    (tmp_path / "cut.qrv").write_bytes((tmp_path / "ok.qrv").read_bytes()[:60])  # no complete record
     with pytest.raises(error, match=text.replace("(", r"\(").replace(")", r"\)")):
         call(tmp_path)
+
+
+# A recording cut inside its 7th record reads as its first 6 frames, with a warning; verify() needs
+# the index of a closed file.
+def test_unclosed_recording_and_verify(tmp_path):
+    frames = [np.full((16, 32), 100 * i, np.uint16) for i in range(FRAMES)]
+    record(tmp_path / "ok.qrv", "u16", (32, 16), frames)
+    whole = (tmp_path / "ok.qrv").read_bytes()
+    closed = zoqrv.open(str(tmp_path / "ok.qrv"))
+    assert closed.closed and closed.verify() == []
+    cut = tmp_path / "cut.qrv"
+    ends, at = [], 24  # after the recording header; each record: head, payload, sample info
+    for _ in range(FRAMES):
+        at += 20 + int.from_bytes(whole[at + 16:at + 20], "little") + 264
+        ends.append(at)
+    cut.write_bytes(whole[:ends[5] + 30])
+    with pytest.warns(RuntimeWarning, match="not closed"):
+        rec = zoqrv.open(str(cut))
+    assert not rec.closed and len(rec) == 6 and list(rec.timestamps) == [1000 * i + 7 for i in range(6)]
+    assert all(np.array_equal(rec[i], frames[i]) for i in [5, 0, 3])
+    with pytest.raises(RuntimeError, match="not closed"):
+        rec.verify()
