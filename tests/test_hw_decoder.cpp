@@ -214,6 +214,66 @@ TEST_F(Decoding, TheHostsContextsAndAFailedStagingAllocation) {
     device::hostDevice().reset();
 }
 
+// What a host sees of a recording through a pipe: the tracker's status, the time and metadata of
+// every sample, a seek to each of the `records` samples with the read after it, and sequential
+// reading from the first record.
+Bytes pipeView(ZoHwPipe* p, FILE* f, int32_t records) {
+    Bytes view;
+    const auto put = [&](const void* data, size_t bytes) {
+        view.insert(view.end(), static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + bytes);
+    };
+    const auto putFrame = [&](const DecodedFrame& d) {
+        const uint64_t fields[] = {d.status, d.number, d.type, d.time};
+        put(fields, sizeof fields), put(d.data.data(), d.data.size());
+        put(d.metadata, sizeof d.metadata);
+    };
+    const uint32_t tracker = ZOHW_CreateQRVTracker(p, f);
+    put(&tracker, 4);
+    for (int32_t s = 0; !tracker && s <= records; ++s) {
+        uint64_t time = 0;
+        uint8_t metadata[256] = {};
+        const uint32_t statuses[] = {ZOHW_GetTimeStampForSample(p, f, s, &time), ZOHW_GetMetadataForSample(p, f, metadata, s)};
+        put(statuses, sizeof statuses), put(&time, 8), put(metadata, 256);
+    }
+    for (int32_t s = records - 1; !tracker && s >= 0; --s) {
+        const uint32_t status = ZOHW_SetHEVCPositionInFile(p, f, s);
+        put(&status, 4);
+        if (!status) putFrame(decodeNext(p, f, 200 * 120 * 2));
+    }
+    const bool atFirstRecord = !tracker && !ZOHW_SetHEVCPositionInFile(p, f, 0);
+    for (int32_t i = 0; atFirstRecord && i <= records; ++i) putFrame(decodeNext(p, f, 200 * 120 * 2));
+    return view;
+}
+
+// A recording cut inside each record, or right after it, reads through hardware and software pipes
+// as the file closed after its complete records; a cut before the first record's end is refused.
+TEST_F(Decoding, CutRecordingsReadAsTheFileClosedAfterTheirCompleteRecords) {
+    const Bytes whole = readFile(stream.qrvPath);
+    QrvSoftwareIndex tables;
+    ASSERT_TRUE(qrvReadSoftwareIndex(openBytes(whole).get(), tables));
+    const std::vector<QrvIndexEntry>& index = tables.frameList;
+    for (bool hardware : {true, false}) {
+        if (!hardware) fake.supported.clear();
+        for (size_t k = 0; k <= index.size(); ++k) {
+            const size_t end = k == 0 ? index[0].recordOffset : k < index.size() ? index[k].recordOffset : tables.found.recordsEnd;
+            Bytes closed(whole.begin(), whole.begin() + long(end));
+            for (size_t i = 0; i < k; ++i) {
+                putLittleEndian(closed, closed.size(), index[i].recordOffset, 8);
+                putLittleEndian(closed, closed.size(), index[i].frameType, 8);  // and a reserved 0
+            }
+            putLittleEndian(closed, closed.size(), k, 4);
+            for (size_t cut : {end, std::min(end + 300, whole.size() - 1)}) {
+                SCOPED_TRACE((hardware ? "hardware, " : "software, ") + std::to_string(k) + " records, cut at " + std::to_string(cut));
+                Pipe p = decoderPipe(kUint8, 1, 200, 120);
+                ASSERT_EQ(ZOHW_GetDecoderType(p.get()), hardware ? kHardware : kSoftware);
+                const Bytes view = pipeView(p.get(), openBytes(Bytes(whole.begin(), whole.begin() + long(cut))).get(), int32_t(k));
+                EXPECT_EQ(view.size() == 4, k == 0) << "refused only without a complete record";
+                if (k) EXPECT_TRUE(view == pipeView(p.get(), openBytes(closed).get(), int32_t(k)));
+            }
+        }
+    }
+}
+
 // A CUVID entry point failing at every call, or a device call failing once (at the second record),
 // at any point of creation and decoding: no leak, no fault, no crash, and the line printed for the
 // first failure of creation and of mapping. Failing destroy and unmap calls leave their object in
