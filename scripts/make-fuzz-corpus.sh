@@ -17,7 +17,7 @@ for tool in ffmpeg python3 "$zoqrv"; do
   command -v "$tool" >/dev/null || { echo "make-fuzz-corpus: $tool not found" >&2; exit 2; }
 done
 streams="$out/streams"
-mkdir -p "$streams" "$out"/fuzz_{qrv_file,qrv_file_hw,sw_payload,annexb_zoqrv,seek_stress,allocation_failure}
+mkdir -p "$streams" "$out"/fuzz_{qrv_file,qrv_file_hw,qrv_scan,sw_payload,annexb_zoqrv,seek_stress,allocation_failure}
 
 # seed NAME CODEC WIDTH HEIGHT FRAMES KEYINT [libx264 options...]: NAME.hevc or NAME.h264 and NAME.qrv.
 seed() {
@@ -74,6 +74,10 @@ for line in (streams / "list.txt").read_text().split("\n"):
     for data_format in (3, 0):
         (out / "fuzz_qrv_file_hw" / f"{name}_{data_format}").write_bytes(
             size + bytes([codec | data_format << 1, 0x41]) + operations[1:] + qrv.read_bytes())
+    # Whole, cut inside a record, and without its trailer.
+    whole = qrv.read_bytes()
+    for cut, part in (("whole", whole), ("cut", whole[:len(whole) * 2 // 3]), ("open", whole[:-4])):
+        (out / "fuzz_qrv_scan" / f"{name}_{cut}").write_bytes(part)
     (out / "fuzz_sw_payload" / name).write_bytes(size + b"QRVNEXT".join(list(records(qrv))[:4]))
     for path in streams.glob(name + ".*"):
         if path.suffix != ".txt": (out / "fuzz_annexb_zoqrv" / path.name).write_bytes(path.read_bytes())
