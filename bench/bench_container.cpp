@@ -253,12 +253,12 @@ void WalkHardware(benchmark::State& state) {
 void WalkSoftware(benchmark::State& state) {
     const Recording& file = recording(state.range(0));
     WalkStream walk(file, state.range(1) != 0);
-    std::vector<uint8_t> payload(64 * 64 * 3 / 2);
+    std::vector<uint8_t> payload;
     QrvSoftwareRecord record;
     for (auto _ : state) {
         rewind(walk.stream);
         for (uint32_t i = 0; i < file.records(); ++i)
-            if (!qrvReadSoftwareRecord(walk.stream, int32_t(file.records()), payload.data(), payload.size(), record))
+            if (!qrvReadSoftwareRecord(walk.stream, int32_t(file.records()), payload, qrvPayloadBound(64, 64), record))
                 state.SkipWithError("a record was not read");
     }
     setRecordRate(state, file);

@@ -100,6 +100,18 @@ TEST(SwDecoding, SeekingAndPipeSizes) {
     }
 }
 
+// Payloads up to twice the raw NV12 picture are read: a key frame padded with zero bytes, which
+// Annex-B allows after a NAL unit, to that size decodes; one byte more is skipped.
+TEST(SwDecoding, PayloadsUpToTwiceTheRawPictureAreRead) {
+    const HevcStream s = hevcStream("gop5_200x120");
+    for (size_t extra : {0, 1}) {
+        Bytes padded = s.payloads()[0];
+        padded.resize(qrvPayloadBound(s.width, s.height) + extra);
+        TestFile file = openBytes(recordsOf({padded, padded}, 1).bytes());
+        EXPECT_EQ(SwPipe(file.get(), s.width, s.height).decode().data == s.pictures()[0], extra == 0) << extra;
+    }
+}
+
 // A record that gives no picture fails the call at once, and decoding resumes at the next key
 // frame: a key frame with a damaged slice header, one cut before its slice, data that is not HEVC,
 // an empty record; a P-frame whose reference was never decoded (the client moved the stream past a

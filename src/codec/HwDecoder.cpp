@@ -157,13 +157,14 @@ QrvDecodeStep HwDecoder::decodeStep() {
     };
 }
 
-// The payload buffer is sized from the size the wrapper was created with, whatever the call says.
+// Payloads are bounded by the picture the pipe's data is coded in, whatever the call says.
 int HwDecoder::decodeNextRecord(FILE* stream, void* out, uint32_t* frameNumber, uint64_t* captureTime,
                                 uint32_t* frameType, uint8_t* sampleInfo, uint32_t, uint32_t) {
-    return reader.decodeNextRecord(stream, out, frameNumber, captureTime, frameType, sampleInfo, width, height,
-                                   decodeStep());
+    return reader.decodeNextRecord(stream, out, frameNumber, captureTime, frameType, sampleInfo,
+                                   packing::pictureWidth(dataFormat, width), height, decodeStep());
 }
 
+// The scratch frame of the walk, picture width x height x 4 bytes, holds a frame of any data format.
 bool HwDecoder::seekToSample(FILE* stream, int32_t sample) {
-    return reader.seekToSample(stream, sample, width, height, decodeStep());
+    return reader.seekToSample(stream, sample, packing::pictureWidth(dataFormat, width), height, decodeStep());
 }

@@ -2,16 +2,17 @@
 
 #include <emmintrin.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
 
-// An HEVC record holds at most an uncompressed 4:2:0 picture: 1.5 bytes a pixel. Lossless
-// H.264 of noisy data takes more than its raw size (x264 codes no PCM macroblocks), so H.264
-// records get the hardware reader's 4 bytes a pixel.
-size_t payloadCapacity(uint32_t width, uint32_t height, uint32_t codec) {
-    const int32_t pixels = static_cast<int32_t>(width * height);
-    return pixels > 0 ? static_cast<size_t>(pixels * (codec == 0 ? 4.0 : 1.5)) : 0;
+// Deliberate departure: a record's payload may take twice the raw NV12 picture (the encoders'
+// cap on one frame), not 1.5 bytes a pixel; H.264 at least 4 bytes a pixel, as lossless H.264 of
+// noisy data takes more than its raw size (x264 codes no PCM macroblocks). The buffer grows to
+// the payloads read, never beyond the file's size.
+uint64_t recordPayloadLimit(uint32_t width, uint32_t height, uint32_t codec) {
+    return std::max(qrvPayloadBound(width, height), codec == 0 ? 4 * uint64_t(width) * height : 0);
 }
 
 // Writes the top-left w x h of an 8-bit 4:2:0 picture as packed YUYV 4:2:2, 2 * w bytes a
@@ -56,7 +57,7 @@ bool writeYuyv(const DecodedPicture& picture, uint8_t* out, uint32_t w, uint32_t
 }  // namespace
 
 SwDecoder::SwDecoder(uint32_t w, uint32_t h, uint32_t reserved, uint32_t codec)
-    : payloadBuffer(payloadCapacity(w, h, codec)), width(w), height(h), swReserved(reserved),
+    : payloadLimit(recordPayloadLimit(w, h, codec)), width(w), height(h), swReserved(reserved),
       decoder(makePictureDecoder(codec, w, h)) {}
 
 bool SwDecoder::readIndex(FILE* s) {
@@ -71,8 +72,8 @@ bool SwDecoder::lookUpSampleInfo(int32_t sample, uint8_t* sampleInfo) const {
 
 bool SwDecoder::decodeRecord(DecodedPicture& picture) {
     const int64_t recordStart = qrvTell(stream);
-    if (!qrvReadSoftwareRecord(stream, tables.sampleCount, payloadBuffer.data(),
-                               payloadBuffer.size(), lastRecord))
+    if (!qrvReadSoftwareRecord(stream, tables.sampleCount, payloadBuffer,
+                               std::min(payloadLimit, tables.found.fileBytes), lastRecord))
         return false;
     // A record cut off by the end of the file would leave stale bytes of an earlier
     // payload in the buffer.

@@ -34,7 +34,8 @@ private:
     bool decodeRecord(DecodedPicture& picture);
 
     QrvSoftwareIndex tables;
-    std::vector<uint8_t> payloadBuffer;
+    uint64_t payloadLimit;               // the largest payload taken from a record
+    std::vector<uint8_t> payloadBuffer;  // grown to the largest payload read, and its sample info
     QrvSoftwareRecord lastRecord{};  // head, sample time and metadata of the last record read
     uint32_t width = 0;
     uint32_t height = 0;

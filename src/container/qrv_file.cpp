@@ -313,6 +313,12 @@ int qrvWriteHeader(FILE* stream, const uint8_t* header, size_t headerBytes) {
     return writeAndFlush(stream, {{header, headerBytes}});
 }
 
+uint64_t qrvPayloadBound(uint32_t pictureWidth, uint32_t height) {
+    const uint64_t luma = uint64_t(pictureWidth) * height;
+    const uint64_t chroma = 2 * ((uint64_t(pictureWidth) + 1) / 2) * ((uint64_t(height) + 1) / 2);
+    return 2 * (luma + chroma);
+}
+
 // ---- Shared reader rules --------------------------------------------------------
 
 bool qrvLookUpSampleInfo(const std::vector<QrvSampleInfo>& infos, int32_t sample, uint8_t* out) {
@@ -344,9 +350,11 @@ bool QrvHardwareReader::readIndex(FILE* stream) {
     return finishIndexRead(stream, true);
 }
 
-bool QrvHardwareReader::growPayloadBuffer(uint32_t width, uint32_t height) {
-    size_t bytes = 0;
-    if (!frameBytes(width, height, bytes)) return false;
+// Deliberate departure: the payload buffer grows to the payload read, up to twice the raw NV12
+// picture (the encoders' cap on one frame; lossless key frames of noisy data outgrow the old
+// width x height x 4 buffer of some data formats) and never beyond the file's size, in place of
+// one buffer of width x height x 4 bytes.
+bool QrvHardwareReader::growPayloadBuffer(size_t bytes) {
     if (bytes <= payloadBuffer_.size()) return true;
     try {
         payloadBuffer_.resize(bytes);
@@ -372,8 +380,11 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
         case HeadRead::Short: return RecordOutcome::NotDecoded;
         case HeadRead::Read: break;
     }
-    if ((payloadBytes > payloadBuffer_.size() || payloadBuffer_.empty()) &&
-        !growPayloadBuffer(width, height)) {
+    const bool accepted = payloadBytes <= std::min(qrvPayloadBound(width, height), found_.fileBytes);
+    // The sample info is read with the payload: a call into stdio costs more than copying 264
+    // bytes. It is then read before the decode step, so a step that throws leaves the stream
+    // after the info, not before it.
+    if (accepted && !growPayloadBuffer(size_t(payloadBytes) + kSampleInfoBytes)) {
         // A frame number beyond the index (the trailer may claim more records than it lists)
         // fails the record instead of raising an exception out of the walk.
         if (head.frameNumber < index_.size())
@@ -381,24 +392,18 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
         return RecordOutcome::NotDecoded;
     }
     int decoded = -1;
-    // The sample info comes with the payload when the buffer has room for it after the
-    // payload: a call into stdio costs more than copying 264 bytes. It is then read before the
-    // decode step, so a step that throws leaves the stream after the info, not before it.
-    const bool infoAfterPayload =
-        payloadBytes <= payloadBuffer_.size() && payloadBuffer_.size() - payloadBytes >= kSampleInfoBytes;
     bool infoRead = false;
-    if (payloadBytes > payloadBuffer_.size()) {
+    if (!accepted) {
         // No frame of this size has such a payload: skip it so the stream stays at record starts.
         qrvSeek(stream, int64_t(payloadBytes), SEEK_CUR);
+        infoRead = readExact(stream, sampleInfo, kSampleInfoBytes);
     } else {
-        const size_t got =
-            fread(payloadBuffer_.data(), 1, payloadBytes + (infoAfterPayload ? kSampleInfoBytes : 0), stream);
+        const size_t got = fread(payloadBuffer_.data(), 1, payloadBytes + kSampleInfoBytes, stream);
         if (got >= payloadBytes) decoded = decode(payloadBuffer_.data(), payloadBytes, frame);
-        infoRead = infoAfterPayload && got == payloadBytes + kSampleInfoBytes;
+        infoRead = got == payloadBytes + kSampleInfoBytes;
         if (infoRead) memcpy(sampleInfo, payloadBuffer_.data() + payloadBytes, kSampleInfoBytes);
     }
-    // Read whatever the decode gave; one that cannot be read is handed on as zeros.
-    if (!infoAfterPayload) infoRead = readExact(stream, sampleInfo, kSampleInfoBytes);
+    // Whatever the decode gave, the info is handed on; one that cannot be read as zeros.
     if (!infoRead) memset(sampleInfo, 0, kSampleInfoBytes);
     return decoded >= 1 ? RecordOutcome::Decoded : RecordOutcome::NotDecoded;
 }
@@ -477,26 +482,30 @@ bool qrvReadSoftwareIndex(FILE* stream, QrvSoftwareIndex& tables) {
     return finishIndexRead(stream, true);
 }
 
-bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, size_t capacity,
+bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, std::vector<uint8_t>& payload, uint64_t payloadLimit,
                            QrvSoftwareRecord& record) {
     if (readHead(stream, sampleCount, record.head, record.payloadBytes) != HeadRead::Read) return false;
-    const bool fits = record.payloadBytes <= capacity;
-    size_t payloadRead = 0;
-    // sampleTime and the metadata, unchecked: read with the payload when the buffer has room
-    // for both (a call into stdio costs more than copying 264 bytes), else on their own.
+    bool fits = record.payloadBytes <= payloadLimit;
+    // The same departure as the hardware reader's: the buffer grows to the payload, up to the limit.
+    if (fits && payload.size() < record.payloadBytes + kSampleInfoBytes) {
+        try {
+            payload.resize(record.payloadBytes + kSampleInfoBytes);
+        } catch (const std::bad_alloc&) {
+            fits = false;
+        }
+    }
+    // sampleTime and the metadata, unchecked: read with the payload (a call into stdio costs
+    // more than copying 264 bytes), or on their own after skipping a payload that does not fit.
     uint8_t infoBuffer[kSampleInfoBytes];
     const uint8_t* info = infoBuffer;
-    size_t infoRead = 0;
-    if (fits && capacity - record.payloadBytes >= kSampleInfoBytes) {
-        const size_t got = fread(payload, 1, record.payloadBytes + kSampleInfoBytes, stream);
+    size_t payloadRead = 0, infoRead = 0;
+    if (fits) {
+        const size_t got = fread(payload.data(), 1, record.payloadBytes + kSampleInfoBytes, stream);
         payloadRead = std::min<size_t>(got, record.payloadBytes);
-        info = payload + record.payloadBytes;
+        info = payload.data() + record.payloadBytes;
         infoRead = got - payloadRead;
     } else {
-        if (fits)
-            payloadRead = fread(payload, 1, record.payloadBytes, stream);
-        else
-            qrvSeek(stream, int64_t(record.payloadBytes), SEEK_CUR);
+        qrvSeek(stream, int64_t(record.payloadBytes), SEEK_CUR);
         infoRead = fread(infoBuffer, 1, sizeof infoBuffer, stream);
     }
     memcpy(&record.sampleTime, info, std::min<size_t>(infoRead, 8));

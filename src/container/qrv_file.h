@@ -61,6 +61,10 @@ const T& qrvAt(const std::vector<T>& v, size_t i) {
 int64_t qrvTell(FILE* stream);
 int qrvSeek(FILE* stream, int64_t offset, int whence);
 
+// The largest payload the readers take from one record of a picture of pictureWidth x height:
+// twice its raw NV12 picture, the encoders' own cap on one frame.
+uint64_t qrvPayloadBound(uint32_t pictureWidth, uint32_t height);
+
 // ---- Writer -------------------------------------------------------------------
 
 struct QrvRecord {
@@ -133,7 +137,9 @@ public:
     bool readIndex(FILE* stream);
 
     // One try of sequential reading from the stream's position: 1 frame decoded,
-    // 0 no frame, -1 no record here (the stream is stepped back).
+    // 0 no frame, -1 no record here (the stream is stepped back). width x height is the coded
+    // picture's size: payloads above qrvPayloadBound of it, or above the file's size, are
+    // skipped, not read.
     int decodeNextRecord(FILE* stream, void* out, uint32_t* frameNumber, uint64_t* captureTime,
                          uint32_t* frameType, uint8_t* sampleInfo, uint32_t width,
                          uint32_t height, const QrvDecodeStep& decode);
@@ -155,14 +161,14 @@ private:
     // Reads the record at the stream's position and decodes its payload into `frame`.
     RecordOutcome readRecord(FILE* stream, void* frame, QrvRecordHead& head, uint8_t* sampleInfo,
                              uint32_t width, uint32_t height, const QrvDecodeStep& decode);
-    // False when width * height * 4 overflows or cannot be allocated.
-    bool growPayloadBuffer(uint32_t width, uint32_t height);
+    // False when `bytes` cannot be allocated.
+    bool growPayloadBuffer(size_t bytes);
 
     std::vector<QrvIndexEntry> index_;
     std::vector<QrvSampleInfo> sampleInfos_;
     uint32_t frameCount_ = 0;
     QrvRecordsFound found_;
-    std::vector<uint8_t> payloadBuffer_;  // grown (never shrunk) to width * height * 4 bytes
+    std::vector<uint8_t> payloadBuffer_;  // grown (never shrunk) to the largest payload read, and its sample info
 };
 
 // ---- Software reader --------------------------------------------------------------
@@ -191,11 +197,11 @@ struct QrvSoftwareRecord {
     uint64_t fileBytes() const { return kQrvRecordHeadBytes + payloadBytes + sizeof(QrvSampleInfo); }
 };
 
-// Reads the record at the stream's position into `record`, its payload into
-// `payload` (capacity bytes). A frame number above sampleCount steps the stream
-// back and fails; so does a payload larger than the capacity (after skipping it).
-// Succeeds when at least one payload byte was read.
-bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, uint8_t* payload, size_t capacity,
+// Reads the record at the stream's position into `record`, its payload into `payload`, grown to
+// fit up to `payloadLimit` bytes. A frame number above sampleCount steps the stream back and
+// fails; so does a payload larger than the limit (after skipping it) or one that cannot be
+// allocated. Succeeds when at least one payload byte was read.
+bool qrvReadSoftwareRecord(FILE* stream, int32_t sampleCount, std::vector<uint8_t>& payload, uint64_t payloadLimit,
                            QrvSoftwareRecord& record);
 
 // ---- Record access by offset (tools) ------------------------------------------------
