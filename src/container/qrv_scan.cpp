@@ -42,7 +42,8 @@ uint64_t recordBytes(const Head& head) { return kQrvRecordHeadBytes + head.paylo
 class ScanWindow {
 public:
     explicit ScanWindow(const FileBytes& file)
-        : file_(file), fileBytes_(uint64_t(std::max<int64_t>(file.size(), 0))), buffer_(kWindowBytes) {}
+        : file_(file), fileBytes_(uint64_t(std::max<int64_t>(file.size(), 0))),
+          buffer_(size_t(std::min<uint64_t>(kWindowBytes, fileBytes_))) {}
 
     uint64_t fileBytes() const { return fileBytes_; }
 
