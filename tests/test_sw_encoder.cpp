@@ -138,7 +138,7 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
     const std::string dir = makeTestDirectory(), zoqrv = ZOQRV_BINARY_DIR "/tools/zoqrv ";
     for (uint32_t frames : {5u, 12u, 40u}) {
         SCOPED_TRACE(std::to_string(frames) + " frames");
-        const std::string qrv = dir + "/killed.qrv", closed = dir + "/closed.qrv";
+        const std::string qrv = dir + "/killed" + std::to_string(frames) + ".qrv", closed = qrv + ".closed";
         int input[2];
         ASSERT_EQ(pipe(input), 0);
         const pid_t recorder = fork();
