@@ -62,6 +62,8 @@ int runRecover(const Arguments& args) {
             fclose(out.release()) != 0)
             return fail("cannot write " + paths[1]);
     }
-    printf("recovered %zu records, dropped %" PRIu64 " bytes\n", tables.frameList.size(), tables.found.fileBytes - kept);
+    // A closed file loses only its old index, which the new one replaces.
+    const uint64_t dropped = tables.found.closed ? 0 : tables.found.fileBytes - kept;
+    printf("recovered %zu records, dropped %" PRIu64 " bytes\n", tables.frameList.size(), dropped);
     return 0;
 }
