@@ -157,10 +157,19 @@ TEST(QrvReading, EveryCutReadsAsTheFileClosedAfterItsCompleteRecords) {
     for (size_t cut = 0, k = 0; cut < whole.size(); ++cut) {
         while (k < n && (k + 1 < n ? recording.recordOffset(k + 1) : recording.records.size()) <= cut) ++k;
         const Bytes read = readBothWays(Bytes(whole.begin(), whole.begin() + long(cut)));
-        if (k == 0) {
-            ASSERT_EQ(std::make_pair(read.at(0), read.at(24)), std::make_pair(uint8_t(0), uint8_t(0))) << cut;
-        } else {
-            ASSERT_EQ(read, closed[k]) << "cut after " << cut << " bytes";
-        }
+        ASSERT_EQ(k ? read : Bytes({read.at(0), read.at(24)}), k ? closed[k] : Bytes(2, 0)) << "cut after " << cut << " bytes";
     }
+}
+
+// A file still being written, through the writer's own stream: each new read finds the records complete by then.
+TEST(QrvReading, AFileBeingWrittenReadsTheRecordsCompleteSoFar) {
+    const Bytes whole = readFile(hevcStream("gop5_200x120").qrvPath);
+    QrvSoftwareIndex closed, early, later;
+    ASSERT_TRUE(qrvReadSoftwareIndex(openBytes(whole).get(), closed));
+    TestFile file = openBytes(Bytes(whole.begin(), whole.begin() + long(closed.frameList[5].recordOffset + 100)));
+    ASSERT_TRUE(qrvReadSoftwareIndex(file.get(), early));
+    fseeko(file.get(), 0, SEEK_END);
+    fwrite(whole.data() + ftello(file.get()), 1, closed.found.recordsEnd - uint64_t(ftello(file.get())), file.get());
+    ASSERT_TRUE(qrvReadSoftwareIndex(file.get(), later));
+    EXPECT_EQ(std::make_pair(early.recordHeads.size(), later.recordHeads.size()), std::make_pair(size_t(5), closed.recordHeads.size()));
 }
