@@ -127,6 +127,12 @@ struct QrvBuilder {
         putLittleEndian(out, out.size(), index.size(), 4);
         return out;
     }
+    // The file closed after its first `count` records.
+    Bytes closedAfter(size_t count) const {
+        QrvBuilder first(Bytes(records.begin(), records.begin() + long(count < index.size() ? recordOffset(count) : records.size())));
+        first.index.assign(index.begin(), index.begin() + long(count));
+        return first.bytes();
+    }
     uint64_t recordOffset(size_t r) const { return index.at(r).recordOffset; }
     size_t indexOffset(size_t r) const { return records.size() + 16 * r; }
 

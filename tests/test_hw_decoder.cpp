@@ -224,8 +224,7 @@ Bytes pipeView(ZoHwPipe* p, FILE* f, int32_t records) {
     };
     const auto putFrame = [&](const DecodedFrame& d) {
         const uint64_t fields[] = {d.status, d.number, d.type, d.time};
-        put(fields, sizeof fields), put(d.data.data(), d.data.size());
-        put(d.metadata, sizeof d.metadata);
+        put(fields, sizeof fields), put(d.data.data(), d.data.size()), put(d.metadata, sizeof d.metadata);
     };
     const uint32_t tracker = ZOHW_CreateQRVTracker(p, f);
     put(&tracker, 4);
@@ -251,17 +250,13 @@ TEST_F(Decoding, CutRecordingsReadAsTheFileClosedAfterTheirCompleteRecords) {
     const Bytes whole = readFile(stream.qrvPath);
     QrvSoftwareIndex tables;
     ASSERT_TRUE(qrvReadSoftwareIndex(openBytes(whole).get(), tables));
-    const std::vector<QrvIndexEntry>& index = tables.frameList;
+    QrvBuilder recording(Bytes(whole.begin(), whole.begin() + long(tables.found.recordsEnd)));
+    recording.index = tables.frameList;
     for (bool hardware : {true, false}) {
         if (!hardware) fake.supported.clear();
-        for (size_t k = 0; k <= index.size(); ++k) {
-            const size_t end = k == 0 ? index[0].recordOffset : k < index.size() ? index[k].recordOffset : tables.found.recordsEnd;
-            Bytes closed(whole.begin(), whole.begin() + long(end));
-            for (size_t i = 0; i < k; ++i) {
-                putLittleEndian(closed, closed.size(), index[i].recordOffset, 8);
-                putLittleEndian(closed, closed.size(), index[i].frameType, 8);  // and a reserved 0
-            }
-            putLittleEndian(closed, closed.size(), k, 4);
+        for (size_t k = 0; k <= recording.index.size(); ++k) {
+            const size_t end = k < recording.index.size() ? recording.recordOffset(k) : recording.records.size();
+            const Bytes closed = recording.closedAfter(k);
             for (size_t cut : {end, std::min(end + 300, whole.size() - 1)}) {
                 SCOPED_TRACE((hardware ? "hardware, " : "software, ") + std::to_string(k) + " records, cut at " + std::to_string(cut));
                 Pipe p = decoderPipe(kUint8, 1, 200, 120);

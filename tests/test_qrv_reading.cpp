@@ -54,24 +54,13 @@ TEST(QrvReading, RealRecordingsWholeAndCut) {
     }
 }
 
-// A closed file of the builder's first `records` records.
-Bytes closedAfter(QrvBuilder builder, size_t records) {
-    builder.records.resize(records < builder.index.size() ? builder.recordOffset(records) : builder.records.size());
-    builder.index.resize(records);
-    return builder.bytes();
-}
-
 // Short files, counts that lie, index entries outside the file or off the record heads, and a
 // payload size past the end. Where the index does not fit the file, both readers scan the records
 // and read the file as if it had been closed after its complete records. (The fuzzers walk damaged
 // files record by record, and scan hostile ones.)
 TEST(QrvReading, DamagedFiles) {
     QrvBuilder builder(Bytes(40, 0xEE));  // longer than any frame number: an index entry read as a record is refused
-    for (uint32_t r = 0; r < 5; ++r) {
-        Bytes payload(5 + r, uint8_t(r));
-        payload[0] = payload[1] = 0, payload[2] = 1;  // an Annex-B start code
-        builder.add(r + 1, 5000 + r * 1333, r % 2 ? 2 : kKeyFrameType, payload);
-    }
+    for (uint32_t r = 0; r < 5; ++r) builder.add(r + 1, 5000 + r * 1333, r % 2 ? 2 : kKeyFrameType, {0, 0, 1, uint8_t(r), 7});
     const Bytes whole = builder.bytes();
     const size_t count = whole.size() - 4, entry2 = builder.indexOffset(2), size1 = builder.recordOffset(1) + 16;
     const struct {
@@ -96,7 +85,7 @@ TEST(QrvReading, DamagedFiles) {
         if (c.width) putLittleEndian(bytes, c.at, c.value, c.width);
         const Bytes tables = readBothWays(bytes);
         EXPECT_EQ(std::make_pair(tables.at(0), tables.at(24)), std::make_pair(uint8_t(c.records >= 0), uint8_t(c.records >= 0)));
-        if (c.records > 0) EXPECT_EQ(tables, readBothWays(closedAfter(builder, size_t(c.records))));
+        if (c.records > 0) { EXPECT_EQ(tables, readBothWays(builder.closedAfter(size_t(c.records)))); }
     }
 }
 
@@ -147,12 +136,11 @@ TEST(QrvReading, EveryCutReadsAsTheFileClosedAfterItsCompleteRecords) {
     const Bytes whole = readFile(hevcStream("gop5_200x120").qrvPath);
     QrvSoftwareIndex tables;
     ASSERT_TRUE(qrvReadSoftwareIndex(openBytes(whole).get(), tables));
-    QrvBuilder recording;
-    recording.records.assign(whole.begin(), whole.begin() + long(tables.found.recordsEnd));
+    QrvBuilder recording(Bytes(whole.begin(), whole.begin() + long(tables.found.recordsEnd)));
     recording.index = tables.frameList;
     const size_t n = recording.index.size();
     std::vector<Bytes> closed(n + 1);  // the tables of each closed file, of k records
-    for (size_t k = 1; k <= n; ++k) closed[k] = readBothWays(closedAfter(recording, k));
+    for (size_t k = 1; k <= n; ++k) closed[k] = readBothWays(recording.closedAfter(k));
     EXPECT_EQ(closed[n], readBothWays(whole));
     for (size_t cut = 0, k = 0; cut < whole.size(); ++cut) {
         while (k < n && (k + 1 < n ? recording.recordOffset(k + 1) : recording.records.size()) <= cut) ++k;

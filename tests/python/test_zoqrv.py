@@ -60,14 +60,11 @@ def test_unclosed_recording_and_verify(tmp_path):
     frames = [np.full((16, 32), 100 * i, np.uint16) for i in range(FRAMES)]
     record(tmp_path / "ok.qrv", "u16", (32, 16), frames)
     whole = (tmp_path / "ok.qrv").read_bytes()
-    closed = zoqrv.open(str(tmp_path / "ok.qrv"))
-    assert closed.closed and closed.verify() == []
+    assert (closed := zoqrv.open(str(tmp_path / "ok.qrv"))).closed and closed.verify() == []
     cut = tmp_path / "cut.qrv"
-    ends, at = [], 24  # after the recording header; each record: head, payload, sample info
-    for _ in range(FRAMES):
-        at += 20 + int.from_bytes(whole[at + 16:at + 20], "little") + 264
-        ends.append(at)
-    cut.write_bytes(whole[:ends[5] + 30])
+    at = 24  # after the recording header; each record: head, payload, sample info
+    for _ in range(6): at += 20 + int.from_bytes(whole[at + 16:at + 20], "little") + 264
+    cut.write_bytes(whole[:at + 30])
     with pytest.warns(RuntimeWarning, match="not closed"):
         rec = zoqrv.open(str(cut))
     assert not rec.closed and len(rec) == 6 and list(rec.timestamps) == [1000 * i + 7 for i in range(6)]
