@@ -23,6 +23,7 @@
 #include "container/file_ranges.h"
 #include "container/qrv_file.h"
 #include "container/qrv_scan.h"
+#include "kernels/packing.h"
 
 namespace {
 
@@ -258,7 +259,7 @@ void WalkSoftware(benchmark::State& state) {
     for (auto _ : state) {
         rewind(walk.stream);
         for (uint32_t i = 0; i < file.records(); ++i)
-            if (!qrvReadSoftwareRecord(walk.stream, int32_t(file.records()), payload, qrvPayloadBound(64, 64), record))
+            if (!qrvReadSoftwareRecord(walk.stream, int32_t(file.records()), payload, packing::maxAccessUnitBytes(64, 64), record))
                 state.SkipWithError("a record was not read");
     }
     setRecordRate(state, file);

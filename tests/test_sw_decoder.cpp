@@ -6,6 +6,7 @@
 #include <atomic>
 #include <thread>
 
+#include "kernels/packing.h"
 #include "support.h"
 #include "zo_qrv64.h"
 
@@ -106,7 +107,7 @@ TEST(SwDecoding, PayloadsUpToTwiceTheRawPictureAreRead) {
     const HevcStream s = hevcStream("gop5_200x120");
     for (size_t extra : {0, 1}) {
         Bytes padded = s.payloads()[0];
-        padded.resize(qrvPayloadBound(s.width, s.height) + extra);
+        padded.resize(packing::maxAccessUnitBytes(s.width, s.height) + extra);
         TestFile file = openBytes(recordsOf({padded, padded}, 1).bytes());
         EXPECT_EQ(SwPipe(file.get(), s.width, s.height).decode().data == s.pictures()[0], extra == 0) << extra;
     }

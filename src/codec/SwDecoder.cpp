@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kernels/packing.h"
+
 namespace {
 
 // Deliberate departure: a record's payload may take twice the raw NV12 picture (the encoders'
@@ -12,7 +14,7 @@ namespace {
 // noisy data takes more than its raw size (x264 codes no PCM macroblocks). The buffer grows to
 // the payloads read, never beyond the file's size.
 uint64_t recordPayloadLimit(uint32_t width, uint32_t height, uint32_t codec) {
-    return std::max(qrvPayloadBound(width, height), codec == 0 ? 4 * uint64_t(width) * height : 0);
+    return std::max(packing::maxAccessUnitBytes(width, height), codec == 0 ? 4 * uint64_t(width) * height : 0);
 }
 
 // Writes the top-left w x h of an 8-bit 4:2:0 picture as packed YUYV 4:2:2, 2 * w bytes a

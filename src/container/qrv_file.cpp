@@ -11,6 +11,7 @@
 #include "container/checksum.h"
 #include "container/file_ranges.h"
 #include "container/qrv_scan.h"
+#include "kernels/packing.h"
 
 #ifdef _WIN32
 #include <io.h>
@@ -313,12 +314,6 @@ int qrvWriteHeader(FILE* stream, const uint8_t* header, size_t headerBytes) {
     return writeAndFlush(stream, {{header, headerBytes}});
 }
 
-uint64_t qrvPayloadBound(uint32_t pictureWidth, uint32_t height) {
-    const uint64_t luma = uint64_t(pictureWidth) * height;
-    const uint64_t chroma = 2 * ((uint64_t(pictureWidth) + 1) / 2) * ((uint64_t(height) + 1) / 2);
-    return 2 * (luma + chroma);
-}
-
 // ---- Shared reader rules --------------------------------------------------------
 
 bool qrvLookUpSampleInfo(const std::vector<QrvSampleInfo>& infos, int32_t sample, uint8_t* out) {
@@ -380,7 +375,7 @@ QrvHardwareReader::RecordOutcome QrvHardwareReader::readRecord(FILE* stream, voi
         case HeadRead::Short: return RecordOutcome::NotDecoded;
         case HeadRead::Read: break;
     }
-    const bool accepted = payloadBytes <= std::min(qrvPayloadBound(width, height), found_.fileBytes);
+    const bool accepted = payloadBytes <= std::min(packing::maxAccessUnitBytes(width, height), found_.fileBytes);
     // The sample info is read with the payload: a call into stdio costs more than copying 264
     // bytes. It is then read before the decode step, so a step that throws leaves the stream
     // after the info, not before it.

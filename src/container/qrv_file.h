@@ -61,10 +61,6 @@ const T& qrvAt(const std::vector<T>& v, size_t i) {
 int64_t qrvTell(FILE* stream);
 int qrvSeek(FILE* stream, int64_t offset, int whence);
 
-// The largest payload the readers take from one record of a picture of pictureWidth x height:
-// twice its raw NV12 picture, the encoders' own cap on one frame.
-uint64_t qrvPayloadBound(uint32_t pictureWidth, uint32_t height);
-
 // ---- Writer -------------------------------------------------------------------
 
 struct QrvRecord {
@@ -138,7 +134,7 @@ public:
 
     // One try of sequential reading from the stream's position: 1 frame decoded,
     // 0 no frame, -1 no record here (the stream is stepped back). width x height is the coded
-    // picture's size: payloads above qrvPayloadBound of it, or above the file's size, are
+    // picture's size: payloads above packing::maxAccessUnitBytes of it, or above the file's size, are
     // skipped, not read.
     int decodeNextRecord(FILE* stream, void* out, uint32_t* frameNumber, uint64_t* captureTime,
                          uint32_t* frameType, uint8_t* sampleInfo, uint32_t width,
