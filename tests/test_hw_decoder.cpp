@@ -214,9 +214,8 @@ TEST_F(Decoding, TheHostsContextsAndAFailedStagingAllocation) {
     device::hostDevice().reset();
 }
 
-// What a host sees of a recording through a pipe: the tracker's status, the time and metadata of
-// every sample, a seek to each of the `records` samples with the read after it, and sequential
-// reading from the first record.
+// What a host sees of a recording through a pipe: the tracker's status, every sample's time and metadata,
+// a seek to each of the `records` samples with the read after it, and sequential reading from the first.
 Bytes pipeView(ZoHwPipe* p, FILE* f, int32_t records) {
     Bytes view;
     const auto put = [&](const void* data, size_t bytes) {

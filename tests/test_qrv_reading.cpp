@@ -54,10 +54,9 @@ TEST(QrvReading, RealRecordingsWholeAndCut) {
     }
 }
 
-// Short files, counts that lie, index entries outside the file or off the record heads, and a
-// payload size past the end. Where the index does not fit the file, both readers scan the records
-// and read the file as if it had been closed after its complete records. (The fuzzers walk damaged
-// files record by record, and scan hostile ones.)
+// Short files, counts that lie, index entries outside the file or off the record heads, and a payload
+// size past the end. Where the index does not fit the file, both readers scan the records and read the
+// file as if closed after its complete records. (Fuzzers walk damaged files and scan hostile ones.)
 TEST(QrvReading, DamagedFiles) {
     QrvBuilder builder(Bytes(40, 0xEE));  // longer than any frame number: an index entry read as a record is refused
     for (uint32_t r = 0; r < 5; ++r) builder.add(r + 1, 5000 + r * 1333, r % 2 ? 2 : kKeyFrameType, {0, 0, 1, uint8_t(r), 7});
@@ -129,9 +128,8 @@ TEST(QrvReading, TablesAcrossLargeAndSparseRecords) {
     EXPECT_EQ(readBothWays(builder.bytes()), expected);
 }
 
-// A recording of x265's stream cut after every byte reads in both readers as the file closed after
-// its complete records: the same tables, each reader's own rules kept (test_hw_decoder compares the
-// pipes' frames, seeks, timestamps and metadata at a cut in every record).
+// x265's stream cut after every byte reads in both readers as the file closed after its complete records:
+// the same tables, each reader's own rules kept (test_hw_decoder compares the pipes' frames and seeks).
 TEST(QrvReading, EveryCutReadsAsTheFileClosedAfterItsCompleteRecords) {
     const Bytes whole = readFile(hevcStream("gop5_200x120").qrvPath);
     QrvSoftwareIndex tables;

@@ -108,8 +108,8 @@ TEST(SwDecoding, PayloadsUpToTwiceTheRawPictureAreRead) {
     for (size_t extra : {0, 1}) {
         Bytes padded = s.payloads()[0];
         padded.resize(packing::maxAccessUnitBytes(s.width, s.height) + extra);
-        TestFile file = openBytes(recordsOf({padded, padded}, 1).bytes());
-        EXPECT_EQ(SwPipe(file.get(), s.width, s.height).decode().data == s.pictures()[0], extra == 0) << extra;
+        EXPECT_EQ(SwPipe(openBytes(recordsOf({padded, padded}, 1).bytes()).get(), s.width, s.height).decode().data == s.pictures()[0],
+                  extra == 0) << extra;
     }
 }
 

@@ -129,10 +129,9 @@ INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::ValuesIn(std::vector<Record
     {3, 64, 48, 12, 8, 1}, {3, 63, 47, 12, 8, 1}, {4, 40, 32, 12, 8, 1}, {4, 45, 31, 12, 8, 1}, {5, 32, 24, 12, 8, 1},
     {5, 29, 21, 12, 8, 1}, {5, 160, 120, 12, 8, 1, 0, kFloatRamp}, {4, 160, 120, 12, 8, 1, 0, kNoiseBurst}}));
 
-// `zoqrv record` killed (kill -9) after 5, 12 and 40 frames of its input, once the file stops growing.
-// The file holds what its stdio buffer had written: info names the complete records and the torn
-// tail (counted here by walking the layout), recover closes the file with checksums that verify
-// passes, the records read back as the frames that went in, and a changed byte fails verify.
+// `zoqrv record` killed (kill -9) after 5, 12 and 40 frames, once the file stops growing: info names the
+// complete records and the torn tail (counted here by walking the layout), recover closes the file with
+// checksums that verify passes, the records read back as the frames that went in, a changed byte fails verify.
 TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
     const Recording r{3, 64, 48, 0, 8, 1};
     const std::string dir = makeTestDirectory(), zoqrv = ZOQRV_BINARY_DIR "/tools/zoqrv ";
@@ -157,9 +156,8 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
         kill(recorder, SIGKILL), waitpid(recorder, nullptr, 0), close(input[1]);
         const Bytes bytes = readFile(qrv);
         size_t records = 0, end = 24;  // after the recording header
-        for (uint32_t payload = 0; end + 20 <= bytes.size() && (memcpy(&payload, &bytes[end + 16], 4), end + 20 + payload + 264 <= bytes.size());
-             end += 20 + payload + 264)
-            ++records;
+        for (uint32_t payload = 0; end + 20 <= bytes.size() && (memcpy(&payload, &bytes[end + 16], 4), end + 20 + payload + 264 <= bytes.size());)
+            end += 20 + payload + 264, ++records;
         ASSERT_GT(records, 0u) << "the recorder flushed no record";
         const std::string count = std::to_string(records), dropped = std::to_string(bytes.size() - end);
         std::string out;
@@ -174,9 +172,9 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
         ASSERT_TRUE(pipe && ZOHW_StartDecoding(pipe.get(), &start) == 0 && ZOHW_CreateQRVTracker(pipe.get(), file.get()) == 0 &&
                     ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), 0) == 0);  // past the recording header
         Bytes yuyv(width * 48 * 2), data(64 * 48);
+        uint64_t time = 0;
         for (uint32_t i = 0; i < records; ++i) {
             uint32_t number = 0, type = 0, metadata[64];
-            uint64_t time = 0;
             ASSERT_EQ(ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), yuyv.data(), &number, &time, &type, metadata), 0u);
             EXPECT_TRUE(packing::unpackYuyvOnHost(r.kind, yuyv.data(), width, data.data(), 64, 48));
             EXPECT_EQ(std::make_tuple(number, time, metadata[0], data), std::make_tuple(i + 1, 125000u * i, i, frameData(r, i)));
