@@ -243,8 +243,7 @@ Bytes pipeView(ZoHwPipe* p, FILE* f, int32_t records) {
     return view;
 }
 
-// A recording cut inside each record, or right after it, reads through hardware and software pipes
-// as the file closed after its complete records; a cut before the first record's end is refused.
+// Cut in or right after each record, a recording reads through both pipes as the file closed after its complete records.
 TEST_F(Decoding, CutRecordingsReadAsTheFileClosedAfterTheirCompleteRecords) {
     const Bytes whole = readFile(stream.qrvPath);
     QrvSoftwareIndex tables;

@@ -101,15 +101,13 @@ TEST(SwDecoding, SeekingAndPipeSizes) {
     }
 }
 
-// Payloads up to twice the raw NV12 picture are read: a key frame padded with zero bytes, which
-// Annex-B allows after a NAL unit, to that size decodes; one byte more is skipped.
+// Payloads up to twice the raw NV12 picture are read (a key frame padded with zero bytes); one byte more is skipped.
 TEST(SwDecoding, PayloadsUpToTwiceTheRawPictureAreRead) {
     const HevcStream s = hevcStream("gop5_200x120");
     for (size_t extra : {0, 1}) {
         Bytes padded = s.payloads()[0];
         padded.resize(packing::maxAccessUnitBytes(s.width, s.height) + extra);
-        EXPECT_EQ(SwPipe(openBytes(recordsOf({padded, padded}, 1).bytes()).get(), s.width, s.height).decode().data == s.pictures()[0],
-                  extra == 0) << extra;
+        EXPECT_EQ(SwPipe(openBytes(recordsOf({padded}, 1).bytes()).get(), s.width, s.height).decode().data == s.pictures()[0], !extra);
     }
 }
 
