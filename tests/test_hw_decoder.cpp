@@ -2,7 +2,9 @@
 // table, with x265 and x264 streams (some with a coded size larger than their display area)
 // against ffmpeg's decode: every data format in order, the seek limit, retries, texts, capability
 // refusals and cleanup when any driver call fails. The same pipes on a real GPU.
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <numeric>
 
@@ -12,6 +14,9 @@
 #include "support/fake_cuvid.h"
 #include "support/host_device.h"
 #include "zo_qrv64.h"
+
+using Arguments = std::vector<std::string>;
+int runExtract(const Arguments& args);  // tools/zoqrv/commands.h, whose File clashes with support.h
 
 namespace {
 
@@ -398,6 +403,38 @@ INSTANTIATE_TEST_SUITE_P(EvenAndOddSizes, LosslessH264,
                          testing::Values(LosslessCase{2, 64, 48}, LosslessCase{2, 50, 29}, LosslessCase{3, 64, 48},
                                          LosslessCase{3, 49, 29}, LosslessCase{4, 32, 24}, LosslessCase{4, 37, 29},
                                          LosslessCase{5, 32, 32}, LosslessCase{5, 37, 29}));
+
+// zoqrv extract writes the same lines and files from a hardware pipe (decoding with libavcodec
+// here) as from a software one (libde265): every kind, all records (the last one included) or
+// some, starting between two key frames.
+class Extract : public Decoding, public testing::WithParamInterface<std::tuple<const char*, bool>> {};
+
+TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
+    const auto [kind, some] = GetParam();
+    const std::string dir = makeTestDirectory() + "/out";
+    Arguments args = {stream.qrvPath, "--out", dir};
+    if (*kind) args.insert(args.end(), {"--as", kind});
+    if (some) args.insert(args.end(), {"--from", "3", "--count", "6"});
+    const auto extract = [&](bool hardware) {
+        fake.supported.clear();
+        if (hardware) fake.supported.insert(cudaVideoCodec_HEVC);
+        std::filesystem::remove_all(dir);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(runExtract(args), 0) << (hardware ? "hardware" : "software");
+        std::map<std::string, Bytes> written = {{"stdout", Bytes()}};
+        const std::string printed = testing::internal::GetCapturedStdout();
+        written["stdout"].assign(printed.begin(), printed.end());
+        for (const auto& entry : std::filesystem::directory_iterator(dir)) written[entry.path().string()] = readFile(entry.path());
+        return written;
+    };
+    const auto software = extract(false);
+    EXPECT_EQ(software.size(), (some ? 6 : stream.frames) + 1u);
+    EXPECT_TRUE(extract(true) == software);
+    std::filesystem::remove_all(std::filesystem::path(dir).parent_path());
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Extract,
+                         testing::Combine(testing::Values("", "bgra", "uyvy", "u4", "u8", "u16", "u32"), testing::Bool()));
 
 // On a real GPU through the NVIDIA driver; skipped where no GPU decodes the codec.
 class GpuDecoding : public testing::TestWithParam<std::tuple<StreamCase, uint32_t>> {};

@@ -1,5 +1,6 @@
-// zoqrv extract: decodes HEVC records through the library's C interface and writes each
-// picture as a PNG, with a line per frame. With a data kind (--as, or the file's recording
+// zoqrv extract: decodes HEVC records through the library's C interface (on the GPU where one
+// decodes them, else in software, to the same output) and writes each picture as a PNG, with a
+// line per frame. With a data kind (--as, or the file's recording
 // header) it writes the data itself: 16-bit grey PNG for u16, 8-bit grey for u8 and u4 (4-bit
 // samples times 17), raw little-endian .bin for u32, colour PNG for bgra and uyvy.
 #include <libde265/de265.h>
@@ -24,7 +25,6 @@ namespace {
 
 constexpr const char* kUsage =
     "extract FILE --out DIR [--from S] [--count K] [--as bgra|uyvy|u4|u8|u16|u32] [--max-size WxH]";
-constexpr uint32_t kUyvy = 1;  // the data format whose frames are 2 * w * h bytes
 constexpr uint32_t kHevc = 1;
 constexpr uint32_t kSoftwareDecoder = 2;
 
@@ -80,16 +80,16 @@ bool parseSize(const std::string& text, PictureSize& size) {
 
 uint8_t clampByte(double v) { return uint8_t(std::clamp(v + 0.5, 0.0, 255.0)); }
 
-// Packed YUYV to RGB with the BT.709 matrix, limited range.
-std::vector<uint8_t> yuyvToRgb(const uint8_t* yuyv, uint32_t width, uint32_t height) {
+// UYVY to RGB with the BT.709 matrix, limited range.
+std::vector<uint8_t> uyvyToRgb(const uint8_t* uyvy, uint32_t width, uint32_t height) {
     std::vector<uint8_t> rgb(size_t(width) * height * 3);
     for (size_t r = 0; r < height; ++r) {
-        const uint8_t* row = yuyv + r * 2 * width;
+        const uint8_t* row = uyvy + r * 2 * width;
         for (size_t x = 0; x < width; ++x) {
             const size_t pair = x & ~size_t(1);
-            const double y = 1.164384 * (row[2 * x] - 16);
-            const double cb = row[2 * pair + 1] - 128.0;
-            const double cr = pair + 1 < width ? row[2 * pair + 3] - 128.0 : 0.0;
+            const double y = 1.164384 * (row[2 * x + 1] - 16);
+            const double cb = row[2 * pair] - 128.0;
+            const double cr = pair + 1 < width ? row[2 * pair + 2] - 128.0 : 0.0;
             uint8_t* out = &rgb[(r * width + x) * 3];
             out[0] = clampByte(y + 1.792741 * cr);
             out[1] = clampByte(y - 0.213249 * cb - 0.532909 * cr);
@@ -122,14 +122,12 @@ bool writePng(const std::string& path, const uint8_t* pixels, uint32_t width, ui
     return fclose(file.release()) == 0;
 }
 
-// Writes one decoded frame of data of the kind as the file the command promises.
-bool writeData(const std::string& pathStem, uint32_t kind, const std::vector<uint8_t>& yuyv, uint32_t pictureWidth,
-               uint32_t width, uint32_t height, std::string& path) {
+// Writes one decoded image, in the caller's layout of the kind, as the file the command promises.
+bool writeData(const std::string& pathStem, uint32_t kind, const std::vector<uint8_t>& data, uint32_t width,
+               uint32_t height, std::string& path) {
     path = pathStem + (kind == packing::kUint32 ? ".bin" : ".png");
-    if (kind == packing::kUyvy) return writePng(path, yuyvToRgb(yuyv.data(), width, height).data(), width, height, PNG_COLOR_TYPE_RGB, 8);
-    std::vector<uint8_t> data(packing::packedSize(kind, width, height), 0);
-    packing::unpackYuyvOnHost(kind, yuyv.data(), pictureWidth, data.data(), width, height);
     switch (kind) {
+    case packing::kUyvy: return writePng(path, uyvyToRgb(data.data(), width, height).data(), width, height, PNG_COLOR_TYPE_RGB, 8);
     case packing::kColour32: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_RGBA, 8);
     case packing::kUint8: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 8);
     case packing::kUint16: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 16);
@@ -147,6 +145,63 @@ bool writeData(const std::string& pathStem, uint32_t kind, const std::vector<uin
     }
     }
 }
+
+// One decoded record: its image in the caller's layout and its head.
+struct DecodedRecord {
+    std::vector<uint8_t> data;
+    QrvRecordHead head{};
+};
+
+// Decodes the file's records one after another; false when one does not decode.
+class RecordDecoder {
+public:
+    virtual ~RecordDecoder() = default;
+    virtual bool next(int32_t record, DecodedRecord& decoded) = 0;
+};
+
+// A software pipe walks the file and gives each record's YUYV picture, unpacked here.
+class SoftwareRecords : public RecordDecoder {
+public:
+    SoftwareRecords(ZoHwPipe* pipe, FILE* file, uint32_t kind, uint32_t pictureWidth, uint32_t width, uint32_t height)
+        : pipe_(pipe), file_(file), kind_(kind), pictureWidth_(pictureWidth), width_(width), height_(height),
+          picture_(size_t(pictureWidth) * height * 2) {}
+    bool next(int32_t, DecodedRecord& decoded) override {
+        uint8_t metadata[256];
+        if (ZOHW_DecodeFrameAndMetadata(pipe_, file_, picture_.data(), &decoded.head.frameNumber,
+                                        &decoded.head.captureTime, &decoded.head.frameType, metadata) != 0)
+            return false;
+        decoded.data.assign(packing::packedSize(kind_, width_, height_), 0);
+        return packing::unpackYuyvOnHost(kind_, picture_.data(), pictureWidth_, decoded.data.data(), width_, height_);
+    }
+
+private:
+    ZoHwPipe* pipe_;
+    FILE* file_;
+    uint32_t kind_, pictureWidth_, width_, height_;
+    std::vector<uint8_t> picture_;
+};
+
+// A GPU pipe unpacks the caller's layout itself. Its sequential reading never delivers a file's
+// last record, so the records' payloads are read here and decoded one by one, in order.
+class HardwareRecords : public RecordDecoder {
+public:
+    HardwareRecords(ZoHwPipe* pipe, FILE* file, const QrvSoftwareIndex& tables, uint32_t bytes)
+        : pipe_(pipe), file_(file), tables_(tables), bytes_(bytes) {}
+    bool next(int32_t record, DecodedRecord& decoded) override {
+        uint32_t payloadBytes = 0;
+        decoded.data.assign(bytes_, 0);
+        return qrvReadRecordAt(file_, tables_.frameList[size_t(record)].recordOffset, decoded.head, payloadBytes,
+                               &payload_) &&
+               ZOHW_Decode(pipe_, payload_.data(), payload_.size(), decoded.data.data()) == 0;
+    }
+
+private:
+    ZoHwPipe* pipe_;
+    FILE* file_;
+    const QrvSoftwareIndex& tables_;
+    uint32_t bytes_;
+    std::vector<uint8_t> payload_;
+};
 
 bool parseCount(const std::string& text, int32_t& value) {
     try {
@@ -196,7 +251,7 @@ int runExtract(const Arguments& args) {
     // one that carries that data. Without either, the picture is written as it is.
     RecordingHeader header;
     const bool described = readRecordingHeader(file.get(), tables, header);
-    uint32_t kind = kUyvy;
+    uint32_t kind = packing::kUyvy;
     const bool asData = !kindText.empty() || described;
     if (!kindText.empty() && !kindFromName(kindText, kind)) return usage(kUsage);
     if (kindText.empty() && described) kind = header.kind;
@@ -211,22 +266,29 @@ int runExtract(const Arguments& args) {
     const uint32_t pictureWidth = asData ? packing::pictureWidth(kind, width) : size.width;
     if (pictureWidth > size.width || height > size.height)
         return fail(input + ": its pictures are smaller than the recorded data");
-    std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe(
-        ZOHW_CreateDecoder(kUyvy, kHevc, pictureWidth, height, 0), &ZOHW_Destroy);
+    // A GPU pipe is made for the data itself; a software pipe decodes the whole picture.
+    using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
+    Pipe pipe(ZOHW_CreateDecoder(kind, kHevc, width, height, 0), &ZOHW_Destroy);
+    const bool software = pipe && ZOHW_GetDecoderType(pipe.get()) == kSoftwareDecoder;
+    if (software && width != pictureWidth) pipe = Pipe(ZOHW_CreateDecoder(kind, kHevc, pictureWidth, height, 0), &ZOHW_Destroy);
     if (!pipe) return fail(ZOHW_GetError(nullptr));
-    // Software pipes deliver YUYV pictures; a GPU pipe would unpack UYVY data instead.
-    if (ZOHW_GetDecoderType(pipe.get()) != kSoftwareDecoder)
-        return fail("extract converts the software decoder's YUYV pictures; this pipe decodes on the GPU");
-    const int startArgument = 0;
-    if (ZOHW_StartDecoding(pipe.get(), &startArgument) != 0 ||
-        ZOHW_CreateQRVTracker(pipe.get(), file.get()) != 0)
-        return fail(input + ": cannot read the sample index");
 
     const int32_t records = tables.sampleCount;
     if (from >= records) return fail("--from " + std::to_string(from) + ": the file has " + std::to_string(records) + " records");
     const int32_t last = count < 0 ? records : int32_t(std::min<int64_t>(int64_t(from) + count, records));
-    if (ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), from) != 0)
-        return fail("cannot decode up to record " + std::to_string(from));
+    std::unique_ptr<RecordDecoder> decoder;
+    int32_t first = from;  // the record decoding starts at
+    if (software) {
+        const int startArgument = 0;
+        if (ZOHW_StartDecoding(pipe.get(), &startArgument) != 0 || ZOHW_CreateQRVTracker(pipe.get(), file.get()) != 0)
+            return fail(input + ": cannot read the sample index");
+        if (ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), from) != 0)
+            return fail("cannot decode up to record " + std::to_string(from));
+        decoder = std::make_unique<SoftwareRecords>(pipe.get(), file.get(), kind, pictureWidth, width, height);
+    } else {
+        while (first > 0 && tables.frameList[size_t(first)].frameType != kKeyFrameType) --first;
+        decoder = std::make_unique<HardwareRecords>(pipe.get(), file.get(), tables, packing::packedSize(kind, width, height));
+    }
 
     std::error_code ec;
     std::filesystem::create_directories(outDir, ec);
@@ -234,24 +296,17 @@ int runExtract(const Arguments& args) {
     printf("%s: %ux%u%s%s, records %d to %d\n", input.c_str(), width, height, asData ? " " : "",
            asData ? kindName(kind) : "", from, last - 1);
 
-    std::vector<uint8_t> frame(size_t(pictureWidth) * height * 2);
-    uint8_t metadata[256];
-    for (int32_t record = from; record < last; ++record) {
-        uint32_t frameNumber = 0, frameType = 0;
-        uint64_t captureTime = 0;
-        if (ZOHW_DecodeFrameAndMetadata(pipe.get(), file.get(), frame.data(), &frameNumber,
-                                        &captureTime, &frameType, metadata) != 0)
-            return fail("record " + std::to_string(record) + " did not decode");
+    DecodedRecord decoded;
+    for (int32_t record = first; record < last; ++record) {
+        if (!decoder->next(record, decoded)) return fail("record " + std::to_string(record) + " did not decode");
+        if (record < from) continue;
         char name[32];
-        snprintf(name, sizeof name, "frame_%06u", frameNumber);
-        const std::string stem = (std::filesystem::path(outDir) / name).string();
-        std::string path = stem + ".png";
-        const bool written = asData ? writeData(stem, kind, frame, pictureWidth, width, height, path)
-                                    : writePng(path, yuyvToRgb(frame.data(), width, height).data(), width, height,
-                                               PNG_COLOR_TYPE_RGB, 8);
-        if (!written) return fail("cannot write " + path);
-        printf("frame %u  capture time %llu  type %u  %s\n", frameNumber,
-               static_cast<unsigned long long>(captureTime), frameType, path.c_str());
+        snprintf(name, sizeof name, "frame_%06u", decoded.head.frameNumber);
+        std::string path;
+        if (!writeData((std::filesystem::path(outDir) / name).string(), kind, decoded.data, width, height, path))
+            return fail("cannot write " + path);
+        printf("frame %u  capture time %llu  type %u  %s\n", decoded.head.frameNumber,
+               static_cast<unsigned long long>(decoded.head.captureTime), decoded.head.frameType, path.c_str());
     }
     return 0;
 }
