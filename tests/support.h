@@ -181,21 +181,24 @@ struct HevcStream {
 };
 
 // A stream of `set` ("tests": x265, "h264": x264), made into the build tree once, and again when
-// the script or zoqrv changed.
+// the script or zoqrv changed; or as made beforehand in $ZOQRV_TEST_DATA/SET (where no encoder is).
 inline HevcStream hevcStream(const std::string& name, const std::string& set = "tests") {
     namespace fs = std::filesystem;
     const fs::path script = fs::path(ZOQRV_SOURCE_DIR) / "scripts/make-test-data.sh";
     const fs::path zoqrv = fs::path(ZOQRV_BINARY_DIR) / "tools/zoqrv";
-    const fs::path dir = fs::path(ZOQRV_BINARY_DIR) / "test-data" / set, list = dir / "streams.txt";
-    fs::create_directories(dir);
-    // Test programs run in parallel: one makes the streams while the others wait.
-    const int lock = open((dir / ".lock").c_str(), O_CREAT | O_RDWR, 0644);
-    if (lock < 0 || flock(lock, LOCK_EX) != 0) throw std::runtime_error("cannot lock " + dir.string());
-    if (!fs::exists(list) || fs::last_write_time(list) < std::max(fs::last_write_time(script), fs::last_write_time(zoqrv))) {
-        const std::string command = "'" + script.string() + "' '" + dir.string() + "' '" + zoqrv.string() + "' " + set;
-        if (runCommand(command) != 0) throw std::runtime_error("failed: " + command);
+    const char* prepared = getenv("ZOQRV_TEST_DATA");
+    const fs::path dir = fs::path(prepared ? prepared : ZOQRV_BINARY_DIR "/test-data") / set, list = dir / "streams.txt";
+    if (!prepared) {
+        fs::create_directories(dir);
+        // Test programs run in parallel: one makes the streams while the others wait.
+        const int lock = open((dir / ".lock").c_str(), O_CREAT | O_RDWR, 0644);
+        if (lock < 0 || flock(lock, LOCK_EX) != 0) throw std::runtime_error("cannot lock " + dir.string());
+        if (!fs::exists(list) || fs::last_write_time(list) < std::max(fs::last_write_time(script), fs::last_write_time(zoqrv))) {
+            const std::string command = "'" + script.string() + "' '" + dir.string() + "' '" + zoqrv.string() + "' " + set;
+            if (runCommand(command) != 0) throw std::runtime_error("failed: " + command);
+        }
+        close(lock);
     }
-    close(lock);
     std::ifstream in(list);
     HevcStream s{(dir / (name + ".qrv")).string(), (dir / (name + ".yuv")).string()};
     for (std::string listed; in >> listed >> s.width >> s.height >> s.frames >> s.keyint;)
