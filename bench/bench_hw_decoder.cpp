@@ -1,7 +1,9 @@
 // Hardware decoding speed on a GPU: frames per second of ZOHW_DecodeFrameAndMetadata on a
 // hardware pipe (8-bit data into device memory, so no download is timed) against
 // `ffmpeg -hwaccel cuda` decoding the same elementary stream to nowhere, timed in this
-// process. The pipe's counter vs_ffmpeg is the ratio of the two (target: at least 0.8).
+// process. The pipe's counter vs_ffmpeg is the ratio of the two (target: at least 0.8), and
+// vs_software its ratio to the software path (libde265, as a software pipe drives it, into host
+// memory) on the same records.
 //
 // Data: scripts/make-test-data.sh DIR build/tools/zoqrv bench, then run with
 // ZOQRV_BENCH_DATA=DIR (default: bench-data in the working directory).
@@ -12,7 +14,9 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "codec/SwDecoder.h"
 #include "device/device_api.h"
 #include "zo_qrv64.h"
 
@@ -29,7 +33,7 @@ std::string dataPath(const BenchStream& s, const char* extension) {
     return std::string(dir && *dir ? dir : "bench-data") + "/" + s.name + extension;
 }
 
-std::map<std::string, double> ffmpegFps;  // by stream, measured first
+std::map<std::string, double> ffmpegFps, softwareFps;  // by stream, measured first
 
 // Times each iteration of `pass` (which decodes `frames` frames) and reports frames per second.
 template <typename Pass>
@@ -55,6 +59,27 @@ void ffmpegDecode(benchmark::State& state, BenchStream s) {
     ffmpegFps[s.name] = timeFrames(state, s.frames, [&] { return std::system(command.c_str()) == 0; });
 }
 
+void softwareDecode(benchmark::State& state, BenchStream s) {
+    std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(dataPath(s, ".qrv").c_str(), "rb"), &fclose);
+    SwDecoder decoder(s.width, s.height, 0);
+    if (!file || !decoder.isReady() || !decoder.readIndex(file.get())) {
+        state.SkipWithError("no software decoder on the stream (data missing)");
+        return;
+    }
+    std::vector<uint8_t> picture(size_t(s.width) * s.height * 2);
+    uint8_t sampleInfo[264];
+    uint32_t frameNumber = 0, frameType = 0;
+    uint64_t captureTime = 0;
+    // The records the hardware pass decodes.
+    softwareFps[s.name] = timeFrames(state, s.frames - 1, [&] {
+        bool ok = decoder.seekToSample(file.get(), 0);
+        for (uint32_t i = 0; ok && i + 1 < s.frames; ++i)
+            ok = decoder.decodeNextRecord(file.get(), picture.data(), &frameNumber, &captureTime, &frameType, sampleInfo,
+                                          s.width, s.height, true);
+        return ok;
+    });
+}
+
 void pipeDecode(benchmark::State& state, BenchStream s) {
     std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(dataPath(s, ".qrv").c_str(), "rb"), &fclose);
     std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe(ZOHW_CreateDecoder(3, 1, s.width, s.height, 0), &ZOHW_Destroy);
@@ -77,11 +102,14 @@ void pipeDecode(benchmark::State& state, BenchStream s) {
     });
     device::api().free(frame);
     if (ffmpegFps[s.name] > 0) state.counters["vs_ffmpeg"] = fps / ffmpegFps[s.name];
+    if (softwareFps[s.name] > 0) state.counters["vs_software"] = fps / softwareFps[s.name];
 }
 
 const bool registered = [] {
     for (const BenchStream& s : kStreams) {
         benchmark::RegisterBenchmark((std::string("FfmpegHwaccelCuda/") + s.name).c_str(), ffmpegDecode, s)
+            ->UseManualTime()->Iterations(5);
+        benchmark::RegisterBenchmark((std::string("SoftwareDecode/") + s.name).c_str(), softwareDecode, s)
             ->UseManualTime()->Iterations(5);
         benchmark::RegisterBenchmark((std::string("PipeDecode/") + s.name).c_str(), pipeDecode, s)
             ->UseManualTime()->Iterations(5);
