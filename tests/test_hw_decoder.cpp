@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <numeric>
+#include <sstream>
 
 #include "hw_pipes.h"
 #include "support/fake_cuvid.h"
@@ -336,15 +337,16 @@ INSTANTIATE_TEST_SUITE_P(EvenAndOddSizes, LosslessH264,
                                          LosslessCase{5, 32, 32}, LosslessCase{5, 37, 29}));
 
 // zoqrv extract writes the same lines and files from a hardware pipe (decoding with libavcodec
-// here) as from a software one (libde265): every kind, all records (the last one included) or
-// some, starting between two key frames.
+// here) as from a software one (libde265): every kind, pictures or raw data, all records (the
+// last one included) or some, starting between two key frames.
 class Extract : public Decoding, public testing::WithParamInterface<std::tuple<const char*, bool>> {};
 
 TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
-    const auto [kind, some] = GetParam();
+    const auto [options, some] = GetParam();
     const std::string dir = makeTestDirectory() + "/out";
     Arguments args = {stream.qrvPath, "--out", dir};
-    if (*kind) args.insert(args.end(), {"--as", kind});
+    std::istringstream words(options);
+    for (std::string word; words >> word;) args.push_back(word);
     if (some) args.insert(args.end(), {"--from", "3", "--count", "6"});
     const auto extract = [&](bool hardware) {
         fake.supported.clear();
@@ -361,10 +363,17 @@ TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
     const auto software = extract(false);
     EXPECT_EQ(software.size(), (some ? 6 : stream.frames) + 1u);
     EXPECT_TRUE(extract(true) == software);
+    for (uint32_t i = some ? 3 : 0; strstr(options, "--raw") && i < (some ? 9 : stream.frames); ++i) {
+        char name[32];  // the data itself, as the CPU twin unpacks ffmpeg's decode
+        snprintf(name, sizeof name, "/frame_%06u.bin", i + 1);
+        EXPECT_TRUE(software.at(dir + name) == unpackedByTheCpuTwin(packing::kUint16, reference[i], 200, 100, 120)) << name;
+    }
     std::filesystem::remove_all(std::filesystem::path(dir).parent_path());
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Extract,
-                         testing::Combine(testing::Values("", "bgra", "uyvy", "u4", "u8", "u16", "u32"), testing::Bool()));
+                         testing::Combine(testing::Values("", "--as bgra", "--as uyvy", "--as u4", "--as u8", "--as u16",
+                                                          "--as u32", "--as u16 --raw"),
+                                          testing::Bool()));
 
 }  // namespace

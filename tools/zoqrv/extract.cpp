@@ -2,7 +2,8 @@
 // decodes them, else in software, to the same output) and writes each picture as a PNG, with a
 // line per frame. With a data kind (--as, or the file's recording
 // header) it writes the data itself: 16-bit grey PNG for u16, 8-bit grey for u8 and u4 (4-bit
-// samples times 17), raw little-endian .bin for u32, colour PNG for bgra and uyvy.
+// samples times 17), raw little-endian .bin for u32, colour PNG for bgra and uyvy; with --raw
+// every kind as .bin, in the caller's layout.
 #include <libde265/de265.h>
 #include <png.h>
 
@@ -24,7 +25,7 @@
 namespace {
 
 constexpr const char* kUsage =
-    "extract FILE --out DIR [--from S] [--count K] [--as bgra|uyvy|u4|u8|u16|u32] [--max-size WxH]";
+    "extract FILE --out DIR [--from S] [--count K] [--as bgra|uyvy|u4|u8|u16|u32] [--raw] [--max-size WxH]";
 constexpr uint32_t kHevc = 1;
 constexpr uint32_t kSoftwareDecoder = 2;
 
@@ -122,26 +123,28 @@ bool writePng(const std::string& path, const uint8_t* pixels, uint32_t width, ui
     return fclose(file.release()) == 0;
 }
 
-// Writes one decoded image, in the caller's layout of the kind, as the file the command promises.
-bool writeData(const std::string& pathStem, uint32_t kind, const std::vector<uint8_t>& data, uint32_t width,
+// Writes one decoded image, in the caller's layout of the kind, as the file the command promises:
+// raw (--raw, and always for u32) or as a picture.
+bool writeData(const std::string& pathStem, uint32_t kind, bool raw, const std::vector<uint8_t>& data, uint32_t width,
                uint32_t height, std::string& path) {
-    path = pathStem + (kind == packing::kUint32 ? ".bin" : ".png");
+    if (raw || kind == packing::kUint32) {
+        path = pathStem + ".bin";
+        File file = openFile(path, "wb");
+        return file && fwrite(data.data(), 1, data.size(), file.get()) == data.size() && fclose(file.release()) == 0;
+    }
+    path = pathStem + ".png";
     switch (kind) {
     case packing::kUyvy: return writePng(path, uyvyToRgb(data.data(), width, height).data(), width, height, PNG_COLOR_TYPE_RGB, 8);
     case packing::kColour32: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_RGBA, 8);
     case packing::kUint8: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 8);
     case packing::kUint16: return writePng(path, data.data(), width, height, PNG_COLOR_TYPE_GRAY, 16);
-    case packing::kUint4: {
+    default: {  // 4-bit samples
         const uint32_t pitch = packing::tightPitch(kind, width);
         std::vector<uint8_t> grey(size_t(width) * height);
         for (size_t y = 0; y < height; ++y)
             for (size_t x = 0; x < width; ++x)  // the left sample in the low nibble
                 grey[y * width + x] = uint8_t((data[y * pitch + x / 2] >> (4 * (x & 1)) & 15) * 17);
         return writePng(path, grey.data(), width, height, PNG_COLOR_TYPE_GRAY, 8);
-    }
-    default: {
-        File file = openFile(path, "wb");
-        return file && fwrite(data.data(), 1, data.size(), file.get()) == data.size() && fclose(file.release()) == 0;
     }
     }
 }
@@ -221,6 +224,7 @@ int runExtract(const Arguments& args) {
     std::string input, outDir;
     int32_t from = 0, count = -1;
     std::string kindText;
+    bool raw = false;
     PictureSize maxSize = kDefaultMaxSize;
     for (size_t i = 0; i < args.size(); ++i) {
         const bool hasValue = i + 1 < args.size();
@@ -228,6 +232,7 @@ int runExtract(const Arguments& args) {
         else if (args[i] == "--from" && hasValue) { if (!parseCount(args[++i], from)) return usage(kUsage); }
         else if (args[i] == "--count" && hasValue) { if (!parseCount(args[++i], count)) return usage(kUsage); }
         else if (args[i] == "--as" && hasValue) kindText = args[++i];
+        else if (args[i] == "--raw") raw = true;
         else if (args[i] == "--max-size" && hasValue) { if (!parseSize(args[++i], maxSize)) return usage(kUsage); }
         else if (input.empty() && args[i].rfind("--", 0) != 0) input = args[i];
         else return usage(kUsage);
@@ -303,7 +308,7 @@ int runExtract(const Arguments& args) {
         char name[32];
         snprintf(name, sizeof name, "frame_%06u", decoded.head.frameNumber);
         std::string path;
-        if (!writeData((std::filesystem::path(outDir) / name).string(), kind, decoded.data, width, height, path))
+        if (!writeData((std::filesystem::path(outDir) / name).string(), kind, raw, decoded.data, width, height, path))
             return fail("cannot write " + path);
         printf("frame %u  capture time %llu  type %u  %s\n", decoded.head.frameNumber,
                static_cast<unsigned long long>(decoded.head.captureTime), decoded.head.frameType, path.c_str());

@@ -20,7 +20,7 @@ const Command kCommands[] = {
     {"record", runRecord, "record --kind K --size WxH --fps N [--lossless | --lossy | --bitrate B] [--sync-every S] [--force] OUT.qrv [IN]   encode raw frames (HEVC; data kinds lossless unless --lossy)"},
     {"recover", runRecover, "recover IN [OUT] [--in-place]   close an unclosed or cut recording (index with checksums)"},
     {"verify", runVerify, "verify FILE   check every record against its checksum; names the damaged ones"},
-    {"extract", runExtract, "extract FILE --out DIR [--from S] [--count K] [--as KIND] [--max-size WxH]   decode HEVC records to PNG (or .bin) files"},
+    {"extract", runExtract, "extract FILE --out DIR [--from S] [--count K] [--as KIND] [--raw] [--max-size WxH]   decode HEVC records to PNG (or .bin) files"},
 };
 
 int printUsage() {
