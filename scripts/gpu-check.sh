@@ -20,7 +20,8 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 bin=$here/bin
 [ -x "$bin/zoqrv" ] || { echo "gpu-check: run the copy in the folder that scripts/gpu-bundle.sh builds" >&2; exit 2; }
-export LD_LIBRARY_PATH=$here/lib ZOQRV_TEST_DATA=$here/data
+# Ours first; the driver's libraries may be found only through the path already set.
+export LD_LIBRARY_PATH=$here/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} ZOQRV_TEST_DATA=$here/data
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 passed=0 failed=0 skipped=0

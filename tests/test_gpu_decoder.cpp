@@ -1,8 +1,5 @@
-// The hardware pipes of hw_pipes.h on a GPU through the NVIDIA driver, against ffmpeg's decode;
-// skipped where no GPU decodes the codec. This program loads without libavcodec.
+// hw_pipes.h's pipes on a GPU, skipped where none decodes the codec; loads without libavcodec.
 #include "hw_pipes.h"
-
-namespace {
 
 class GpuDecoding : public testing::TestWithParam<std::tuple<StreamCase, uint32_t>> {};
 
@@ -15,5 +12,3 @@ TEST_P(GpuDecoding, PipesReadAsTheReference) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, GpuDecoding, kPipes);
-
-}  // namespace

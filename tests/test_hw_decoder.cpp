@@ -12,7 +12,6 @@
 #include "hw_pipes.h"
 #include "support/fake_cuvid.h"
 #include "support/host_device.h"
-#include "zo_qrv64.h"
 
 using Arguments = std::vector<std::string>;
 int runExtract(const Arguments& args);  // tools/zoqrv/commands.h, whose File clashes with support.h
@@ -345,18 +344,16 @@ TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
     const auto [options, some] = GetParam();
     const std::string dir = makeTestDirectory() + "/out";
     Arguments args = {stream.qrvPath, "--out", dir};
-    std::istringstream words(options);
-    for (std::string word; words >> word;) args.push_back(word);
+    std::string word;
+    for (std::istringstream words(options); words >> word;) args.push_back(word);
     if (some) args.insert(args.end(), {"--from", "3", "--count", "6"});
     const auto extract = [&](bool hardware) {
-        fake.supported.clear();
-        if (hardware) fake.supported.insert(cudaVideoCodec_HEVC);
+        fake.supported = hardware ? std::set{cudaVideoCodec_HEVC} : std::set<cudaVideoCodec>{};
         std::filesystem::remove_all(dir);
         testing::internal::CaptureStdout();
         EXPECT_EQ(runExtract(args), 0) << (hardware ? "hardware" : "software");
-        std::map<std::string, Bytes> written = {{"stdout", Bytes()}};
         const std::string printed = testing::internal::GetCapturedStdout();
-        written["stdout"].assign(printed.begin(), printed.end());
+        std::map<std::string, Bytes> written = {{"stdout", Bytes(printed.begin(), printed.end())}};
         for (const auto& entry : std::filesystem::directory_iterator(dir)) written[entry.path().string()] = readFile(entry.path());
         return written;
     };
@@ -371,9 +368,7 @@ TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
     std::filesystem::remove_all(std::filesystem::path(dir).parent_path());
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, Extract,
-                         testing::Combine(testing::Values("", "--as bgra", "--as uyvy", "--as u4", "--as u8", "--as u16",
-                                                          "--as u32", "--as u16 --raw"),
-                                          testing::Bool()));
+const auto kOptions = testing::Values("", "--as bgra", "--as uyvy", "--as u4", "--as u8", "--as u16", "--as u32", "--as u16 --raw");
+INSTANTIATE_TEST_SUITE_P(Kinds, Extract, testing::Combine(kOptions, testing::Bool()));
 
 }  // namespace
