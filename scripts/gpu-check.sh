@@ -132,7 +132,7 @@ PY
 record_and_play() {
   local name=$1 kind=$2 size=$3 encoder=$4
   shift 4
-  ZOQRV_ENCODER=$encoder "$bin/zoqrv" record --kind "$kind" --size "$size" --fps 30 "$@" "$work/$name.qrv" "$work/$name.raw" &&
+  ZOQRV_ENCODER=$encoder "$bin/zoqrv" record --kind "$kind" --size "$size" --fps 30 --force "$@" "$work/$name.qrv" "$work/$name.raw" &&
     rm -rf "$work/$name.out" && "$bin/zoqrv" extract "$work/$name.qrv" --out "$work/$name.out" --raw >/dev/null &&
     cat "$work/$name.out"/*.bin >"$work/$name.back"
 }
@@ -156,7 +156,7 @@ if "$bin/nvenc_probe"; then
     else
       check "NVENC $kind: $frames frames played back" test "$(stat -c %s "$work/$kind.back")" = "$(stat -c %s "$work/$kind.raw")"
     fi
-    software=$(ZOQRV_ENCODER=x265 "$bin/zoqrv" record --kind "$kind" --size ${width}x$height --fps 30 "${options[@]}" \
+    software=$(ZOQRV_ENCODER=x265 "$bin/zoqrv" record --kind "$kind" --size ${width}x$height --fps 30 --force "${options[@]}" \
       "$work/x265.qrv" "$work/$kind.raw")
     echo "  $kind: NVENC $(fps_of "$line") frames/s, libx265 $(fps_of "$software") frames/s," \
       "ratio $(python3 -c "print(round($(fps_of "$line") / $(fps_of "$software"), 2))")"
