@@ -338,7 +338,7 @@ INSTANTIATE_TEST_SUITE_P(EvenAndOddSizes, LosslessH264,
 // zoqrv extract writes the same lines and files from a hardware pipe (decoding with libavcodec
 // here) as from a software one (libde265): every kind, pictures or raw data, all records (the
 // last one included) or some, starting between two key frames.
-class Extract : public Decoding, public testing::WithParamInterface<std::tuple<const char*, bool>> {};
+class Extract : public Decoding, public testing::WithParamInterface<std::tuple<std::string, bool>> {};
 
 TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
     const auto [options, some] = GetParam();
@@ -360,7 +360,7 @@ TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
     const auto software = extract(false);
     EXPECT_EQ(software.size(), (some ? 6 : stream.frames) + 1u);
     EXPECT_TRUE(extract(true) == software);
-    for (uint32_t i = some ? 3 : 0; strstr(options, "--raw") && i < (some ? 9 : stream.frames); ++i) {
+    for (uint32_t i = some ? 3 : 0; options.find("--raw") != std::string::npos && i < (some ? 9 : stream.frames); ++i) {
         char name[32];  // the data itself, as the CPU twin unpacks ffmpeg's decode
         snprintf(name, sizeof name, "/frame_%06u.bin", i + 1);
         EXPECT_TRUE(software.at(dir + name) == unpackedByTheCpuTwin(packing::kUint16, reference[i], 200, 100, 120)) << name;
