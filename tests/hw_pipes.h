@@ -1,7 +1,5 @@
-// Hardware decoding pipes read against ffmpeg's decode of x265 and x264 recordings, on the fake
-// CUVID driver (test_hw_decoder) and on a GPU (test_gpu_decoder).
+// Hardware pipes against ffmpeg's decode: on the fake CUVID (test_hw_decoder) and a GPU (test_gpu_decoder).
 #pragma once
-
 #include <gtest/gtest.h>
 
 #include "kernels/colour_reference.h"

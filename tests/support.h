@@ -188,17 +188,14 @@ inline HevcStream hevcStream(const std::string& name, const std::string& set = "
     const fs::path zoqrv = fs::path(ZOQRV_BINARY_DIR) / "tools/zoqrv";
     const char* prepared = getenv("ZOQRV_TEST_DATA");
     const fs::path dir = fs::path(prepared ? prepared : ZOQRV_BINARY_DIR "/test-data") / set, list = dir / "streams.txt";
-    if (!prepared) {
-        fs::create_directories(dir);
-        // Test programs run in parallel: one makes the streams while the others wait.
-        const int lock = open((dir / ".lock").c_str(), O_CREAT | O_RDWR, 0644);
-        if (lock < 0 || flock(lock, LOCK_EX) != 0) throw std::runtime_error("cannot lock " + dir.string());
-        if (!fs::exists(list) || fs::last_write_time(list) < std::max(fs::last_write_time(script), fs::last_write_time(zoqrv))) {
-            const std::string command = "'" + script.string() + "' '" + dir.string() + "' '" + zoqrv.string() + "' " + set;
-            if (runCommand(command) != 0) throw std::runtime_error("failed: " + command);
-        }
-        close(lock);
+    // Test programs run in parallel: one makes the streams while the others wait.
+    const int lock = prepared ? -1 : (fs::create_directories(dir), open((dir / ".lock").c_str(), O_CREAT | O_RDWR, 0644));
+    if (!prepared && (lock < 0 || flock(lock, LOCK_EX) != 0)) throw std::runtime_error("cannot lock " + dir.string());
+    if (!prepared && (!fs::exists(list) || fs::last_write_time(list) < std::max(fs::last_write_time(script), fs::last_write_time(zoqrv)))) {
+        const std::string command = "'" + script.string() + "' '" + dir.string() + "' '" + zoqrv.string() + "' " + set;
+        if (runCommand(command) != 0) throw std::runtime_error("failed: " + command);
     }
+    if (!prepared) close(lock);
     std::ifstream in(list);
     HevcStream s{(dir / (name + ".qrv")).string(), (dir / (name + ".yuv")).string()};
     for (std::string listed; in >> listed >> s.width >> s.height >> s.frames >> s.keyint;)
