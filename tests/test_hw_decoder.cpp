@@ -2,10 +2,8 @@
 // table, with x265 and x264 streams (some with a coded size larger than their display area)
 // against ffmpeg's decode: every data format in order, the seek limit, retries, texts, capability
 // refusals and cleanup when any driver call fails.
-#include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <numeric>
 #include <sstream>
 
