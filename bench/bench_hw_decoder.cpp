@@ -61,7 +61,7 @@ void ffmpegDecode(benchmark::State& state, BenchStream s) {
 
 void softwareDecode(benchmark::State& state, BenchStream s) {
     std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(dataPath(s, ".qrv").c_str(), "rb"), &fclose);
-    SwDecoder decoder(s.width, s.height, 0);
+    SwDecoder decoder(s.width, s.height, 0, 1);  // HEVC
     if (!file || !decoder.isReady() || !decoder.readIndex(file.get())) {
         state.SkipWithError("no software decoder on the stream (data missing)");
         return;
