@@ -78,5 +78,4 @@ void expectPipeReadsAsTheReference(const HevcStream& stream, uint32_t codec, uin
 
 // Every data format on the HEVC and H.264 recordings, coded sizes larger than the pictures among them.
 const auto kPipes = testing::Combine(testing::Values(kHevc200, kHevc198, kH264200, kH264198), testing::Range(0u, 6u));
-
 }  // namespace

@@ -2,7 +2,6 @@
 #include "hw_pipes.h"
 
 class GpuDecoding : public testing::TestWithParam<std::tuple<StreamCase, uint32_t>> {};
-
 TEST_P(GpuDecoding, PipesReadAsTheReference) {
     const auto [c, code] = GetParam();
     const HevcStream stream = hevcStream(c.name, c.set);

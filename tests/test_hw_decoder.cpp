@@ -11,8 +11,7 @@
 #include "support/fake_cuvid.h"
 #include "support/host_device.h"
 
-using Arguments = std::vector<std::string>;
-int runExtract(const Arguments& args);  // tools/zoqrv/commands.h, whose File clashes with support.h
+int runExtract(const std::vector<std::string>& args);  // tools/zoqrv/commands.h, whose File clashes with support.h
 
 namespace {
 
@@ -341,7 +340,7 @@ class Extract : public Decoding, public testing::WithParamInterface<std::tuple<s
 TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
     const auto [options, some] = GetParam();
     const std::string dir = makeTestDirectory() + "/out";
-    Arguments args = {stream.qrvPath, "--out", dir};
+    std::vector<std::string> args = {stream.qrvPath, "--out", dir};
     std::string word;
     for (std::istringstream words(options); words >> word;) args.push_back(word);
     if (some) args.insert(args.end(), {"--from", "3", "--count", "6"});
