@@ -6,7 +6,7 @@
 #include "support.h"
 
 // Sample time = capture time / 1000; each index entry's spare word is its record's CRC-32 (zlib's, here),
-// records of 284 to 4381 bytes taking every way qrvChecksum computes it (metadata: test_recording_writes).
+// over records of 284 to 4381 bytes (metadata: test_recording_writes).
 TEST(QrvWriter, MatchesTheBuilderByteForByte) {
     TestFile file = openBytes({'H', 'D', 'R', 0, 7});
     fseeko(file.get(), 0, SEEK_END);
