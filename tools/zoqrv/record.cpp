@@ -169,14 +169,19 @@ sigset_t catchStopSignals() {
 
 enum class Input { Frame, End, Stopped, Failed };
 
-// Reads one whole frame; `got` tells how much of it came when it did not.
-Input readFrame(int fd, std::vector<uint8_t>& frame, size_t& got, const sigset_t& waiting) {
-    // A signal that came during the last encode is taken here: ppoll returns at once, without
-    // taking it, when input (or its end) is ready.
+// Takes a stop signal that is pending: ppoll returns at once, without taking it, when input (or
+// its end) is ready, so one that came during an encode, or together with the end of the input,
+// waits here.
+bool stopPending(const sigset_t& waiting) {
     sigset_t blocked;
     sigprocmask(SIG_SETMASK, &waiting, &blocked);
     sigprocmask(SIG_SETMASK, &blocked, nullptr);
-    if (stopSignal) return Input::Stopped;
+    return stopSignal != 0;
+}
+
+// Reads one whole frame; `got` tells how much of it came when it did not.
+Input readFrame(int fd, std::vector<uint8_t>& frame, size_t& got, const sigset_t& waiting) {
+    if (stopPending(waiting)) return Input::Stopped;
     for (got = 0; got < frame.size();) {
         pollfd ready{fd, POLLIN, 0};
         if (ppoll(&ready, 1, nullptr, &waiting) < 0) {
@@ -185,7 +190,7 @@ Input readFrame(int fd, std::vector<uint8_t>& frame, size_t& got, const sigset_t
             continue;
         }
         const ssize_t n = read(fd, frame.data() + got, frame.size() - got);
-        if (n == 0) return Input::End;
+        if (n == 0) return stopPending(waiting) ? Input::Stopped : Input::End;
         if (n < 0 && errno != EINTR && errno != EAGAIN) return Input::Failed;
         if (n > 0) got += size_t(n);
     }
