@@ -52,7 +52,9 @@ bool HwEncoder::setUpSession(uint32_t width, uint32_t height) {
     }
     // Where our kernels cannot run, every packing launch would fail unseen and stale device
     // memory would be encoded.
-    if (const int notReady = device::checkDeviceReady()) return printSetUpFailure(device::deviceNotReadyText(notReady));
+    // A machine without a GPU records in software without a word, as decoding does.
+    if (const int notReady = device::checkDeviceReady())
+        return notReady != device::kNoDevice && printSetUpFailure(device::deviceNotReadyText(notReady));
     device::api().getCurrentContext(&context);
     if (codec == 1 && !probeEncoderCapabilities(context).hevc) return false;
     // The low-latency VBV size divides by the frame rate.
