@@ -28,13 +28,11 @@ inline Bytes randomBytes(size_t size, uint32_t seed) {
     for (auto& b : bytes) b = uint8_t(generator());
     return bytes;
 }
-
 // A pipe of the C interface, destroyed at scope end.
 using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
 inline Pipe decoderPipe(uint32_t code, uint32_t codec, uint32_t width, uint32_t height) {
     return Pipe(ZOHW_CreateDecoder(code, codec, width, height, 0), &ZOHW_Destroy);
 }
-
 // One ZOHW_DecodeFrameAndMetadata into a buffer of `bytes`, filled with 0xEE beforehand.
 struct DecodedFrame {
     uint32_t status = 1, number = 0, type = 0;
@@ -48,7 +46,6 @@ inline DecodedFrame decodeNext(ZoHwPipe* pipe, FILE* file, size_t bytes) {
     d.status = ZOHW_DecodeFrameAndMetadata(pipe, file, d.data.data(), &d.number, &d.time, &d.type, d.metadata);
     return d;
 }
-
 struct FileCloser { void operator()(FILE* f) const { fclose(f); } };
 using TestFile = std::unique_ptr<FILE, FileCloser>;
 
@@ -60,7 +57,6 @@ inline TestFile openBytes(const Bytes& bytes) {
     rewind(file.get());
     return file;
 }
-
 // Everything in the file (none for a null one); leaves the position at its end.
 inline Bytes readAll(FILE* file) {
     Bytes out;
@@ -70,7 +66,6 @@ inline Bytes readAll(FILE* file) {
     for (size_t got; (got = fread(chunk, 1, sizeof chunk, file)) > 0;) out.insert(out.end(), chunk, chunk + got);
     return out;
 }
-
 inline Bytes readFile(const std::string& path) { return readAll(TestFile(fopen(path.c_str(), "rb")).get()); }
 
 inline std::string makeTestDirectory() {
@@ -78,7 +73,6 @@ inline std::string makeTestDirectory() {
     if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot create a temporary directory");
     return pattern;
 }
-
 // The exit status of a shell command; its standard output in `output` when given.
 inline int runCommand(const std::string& command, std::string* output = nullptr) {
     FILE* pipe = popen(command.c_str(), "r");
@@ -89,20 +83,17 @@ inline int runCommand(const std::string& command, std::string* output = nullptr)
     const int status = pclose(pipe);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-
 // Writes the `bytes` low bytes of `value` little-endian at `at`, growing `out` as needed.
 inline void putLittleEndian(Bytes& out, size_t at, uint64_t value, int bytes) {
     if (out.size() < at + size_t(bytes)) out.resize(at + size_t(bytes));
     for (int i = 0; i < bytes; ++i) out[at + size_t(i)] = uint8_t(value >> (8 * i));
 }
-
 // The sample info of record r as the builder and `zoqrv import` write it: metadata word k = r * 64 + k.
 inline QrvSampleInfo testSampleInfo(uint64_t captureTime, uint32_t record) {
     QrvSampleInfo info{captureTime / 1000, {}};
     for (uint32_t k = 0, word = record * 64; k < kMetadataWords; ++k, ++word) memcpy(info.metadata + 4 * k, &word, 4);
     return info;
 }
-
 // A QRV file laid out by hand. Damage is patched into bytes() at recordOffset(r) (frame number;
 // + 16: payload size), at indexOffset(r) (record offset) or in the last 4 bytes (frame count).
 struct QrvBuilder {
@@ -139,7 +130,6 @@ struct QrvBuilder {
     Bytes records;  // header and records
     std::vector<QrvIndexEntry> index;
 };
-
 // An x265 stream of scripts/make-test-data.sh, wrapped by `zoqrv import`, with ffmpeg's decode.
 struct HevcStream {
     std::string qrvPath, yuvPath;
@@ -179,7 +169,6 @@ struct HevcStream {
         return payloads;
     }
 };
-
 // A stream of `set` ("tests": x265, "h264": x264), made into the build tree once, and again when
 // the script or zoqrv changed; or as made beforehand in $ZOQRV_TEST_DATA/SET (where no encoder is).
 inline HevcStream hevcStream(const std::string& name, const std::string& set = "tests") {

@@ -38,14 +38,12 @@ private:
     DriverApi driver_;
     ScopedDriverApi scopedDriver_;
 };
-
 class HwPipes : public Decoding, public testing::WithParamInterface<std::tuple<StreamCase, uint32_t>> {};
 
 TEST_P(HwPipes, ReadInOrderAsTheCpuTwinUnpacksTheReference) {
     const auto [c, code] = GetParam();
     expectPipeReadsAsTheReference(hevcStream(c.name, c.set), c.codec, code);
 }
-
 INSTANTIATE_TEST_SUITE_P(Formats, HwPipes, kPipes);
 
 // A sample is decoded up to three times, a record read up to four; of several pictures the last
@@ -93,7 +91,6 @@ TEST_F(Decoding, DecodingRetriesThriceAndSequentialReadingTriesFourRecords) {
         EXPECT_EQ(r.metadata[0] | r.metadata[1] << 8, int(empties * 64)) << "the metadata of the record that gave the frame";
     }
 }
-
 // A GPU without the codec or our kernels, a driver older than the runtime, a picture below the
 // decoder's minimum and an unknown codec fall back to software decoding, saying why where the user
 // can act; a picture larger than the GPU decodes fails the call with the decoder's text, one beyond
@@ -121,7 +118,6 @@ TEST_F(Decoding, RefusalsFallBackOrFailWithTheirTexts) {
     fake.supported.clear();
     EXPECT_EQ(ZOHW_GetDecoderType(decoderPipe(kUint8, 1, 200, 120).get()), kSoftware);
 }
-
 // The host's contexts stay as they were: teardown frees in ours, and a push that fails is never
 // followed by a pop. A staging buffer that cannot be allocated fails the call, not the GPU.
 TEST_F(Decoding, TheHostsContextsAndAFailedStagingAllocation) {
@@ -146,7 +142,6 @@ TEST_F(Decoding, TheHostsContextsAndAFailedStagingAllocation) {
     ASSERT_TRUE(device::hostDevice().faults.empty()) << device::hostDevice().faults.front();
     device::hostDevice().reset();
 }
-
 // What a host sees of a recording through a pipe: the tracker's status, every sample's time and metadata,
 // a seek to each of the `records` samples with the read after it, and sequential reading from the first.
 Bytes pipeView(ZoHwPipe* p, FILE* f, int32_t records) {
@@ -175,7 +170,6 @@ Bytes pipeView(ZoHwPipe* p, FILE* f, int32_t records) {
     for (int32_t i = 0; atFirstRecord && i <= records; ++i) putFrame(decodeNext(p, f, 200 * 120 * 2));
     return view;
 }
-
 // Cut in or right after each record, a recording reads through both pipes as the file closed after its complete records.
 TEST_F(Decoding, CutRecordingsReadAsTheFileClosedAfterTheirCompleteRecords) {
     const Bytes whole = readFile(stream.qrvPath);
@@ -199,7 +193,6 @@ TEST_F(Decoding, CutRecordingsReadAsTheFileClosedAfterTheirCompleteRecords) {
         }
     }
 }
-
 // A CUVID entry point failing at every call, or a device call failing once (at the second record),
 // at any point of creation and decoding: no leak, no fault, no crash, and the line printed for the
 // first failure of creation and of mapping. Failing destroy and unmap calls leave their object in
@@ -231,7 +224,6 @@ TEST_P(HwFailures, LeaveNothingBehind) {
     if (texts.count(entry)) { EXPECT_EQ(printed.rfind(texts.at(entry), 0), 0u) << printed; }
     if (!*entry) { EXPECT_EQ(statuses.front() + statuses.back(), 0u); }
 }
-
 const auto kCuvidEntries = testing::Values("cuvidCtxLockCreate", "cuvidCreateVideoParser", "cuvidParseVideoData",
                                            "cuvidGetDecoderCaps", "cuvidCreateDecoder", "cuvidMapVideoFrame64");
 const auto kDeviceCalls = testing::Values(HostCall::PushContext, HostCall::PopContext, HostCall::Allocate,
@@ -247,7 +239,6 @@ TEST_F(Decoding, APipeWiderThanThePictureFailsTheCall) {
         EXPECT_EQ(ZOHW_Decode(decoderPipe(code, 1, width, 120).get(), payloads[0].data(), payloads[0].size(), out.data()),
                   1u);
 }
-
 // Data of format `code` carried by lossless H.264: libx264 -qp 0 (High 4:4:4 Predictive) on the NV12
 // pictures the CPU twins pack, odd sizes padded by repeating the last row; wrapped by `zoqrv import`.
 struct LosslessRecording {
@@ -277,7 +268,6 @@ LosslessRecording losslessRecording(uint32_t code, uint32_t w, uint32_t h, uint3
                          ff + "-i " + dir + "/lossless.h264 -pix_fmt yuv420p -f rawvideo " + r.stream.yuvPath), 0);
     return r;
 }
-
 // A lossless H.264 recording, which the fake CUVID decodes wrongly without a word (as a GPU might):
 // a hardware pipe decodes it on the CPU into the caller's format, to host or device memory, and a
 // software pipe as ffmpeg does; both give the data back bit for bit, in order across GOPs and after a
@@ -326,7 +316,6 @@ TEST_P(LosslessH264, RoundTripsBitForBit) {
         }
     }
 }
-
 INSTANTIATE_TEST_SUITE_P(EvenAndOddSizes, LosslessH264,
                          testing::Values(LosslessCase{2, 64, 48}, LosslessCase{2, 50, 29}, LosslessCase{3, 64, 48},
                                          LosslessCase{3, 49, 29}, LosslessCase{4, 32, 24}, LosslessCase{4, 37, 29},
@@ -362,7 +351,6 @@ TEST_P(Extract, HardwarePipesWriteWhatSoftwarePipesWrite) {
                     data == unpackedByTheCpuTwin(4, reference.at(std::stoul(path.substr(path.size() - 10)) - 1), 200, 100, 120)) << path;
     std::filesystem::remove_all(std::filesystem::path(dir).parent_path());
 }
-
 const auto kOptions = testing::Values("", "--as bgra", "--as uyvy", "--as u4", "--as u8", "--as u16", "--as u32", "--as u16 --raw");
 INSTANTIATE_TEST_SUITE_P(Kinds, Extract, testing::Combine(kOptions, testing::Bool()));
 

@@ -31,7 +31,6 @@ private:
     DriverApi driver_;
     ScopedDriverApi scopedDriver_;
 };
-
 uint32_t word(const uint8_t* bytes, size_t at) { uint32_t value; std::memcpy(&value, bytes + at, 4); return value; }
 
 }  // namespace
@@ -49,7 +48,6 @@ TEST_F(Encoding, ARingWithOutputDelayDeliversInOrder) {
         if (encoder.encode(image.get(), 16, 16, 8, &type, false)) delivered.push_back(word(encoder.outputBuffer(), 0));
     EXPECT_EQ(delivered, (std::vector<uint32_t>{0, 1}));
 }
-
 // Old drivers take the legacy presets; new ones (asked the legacy way once per process) the
 // newest interface with tuning info. Every IDR repeats its parameter sets. A VBV larger than the
 // raw picture (64 x 48 x 1.5 bytes) is cut to it, with the bitrate.
@@ -93,7 +91,6 @@ TEST_F(Encoding, SessionsCarryTheSettingsOfTheirCodecModeAndDriver) {
         EXPECT_EQ(fake.calls["nvEncGetEncodePresetConfig"], s.legacyPresets ? 2u : 1u) << "new drivers: asked once";
     }
 }
-
 // Drivers, set-ups, refused sizes and failing driver or device calls leave the hardware encoder not
 // ready, print the driver's reason, and take down everything held (a session whose open failed too);
 // a refused preset query or initialisation on the legacy interface is retried on the newest one.
@@ -138,7 +135,6 @@ TEST_F(Encoding, SetUpsThatFailLeaveNothingBehind) {
                                 type == NV_ENC_PIC_TYPE_UNKNOWN));
     }
 }
-
 // A picture the driver holds back yields nothing and is not locked before it is finished; teardown
 // flushes it out. Encoding and teardown leave the host's context current, also when a push fails.
 TEST_F(Encoding, HeldPicturesAndTheHostsContextAreLeftAlone) {
@@ -160,7 +156,6 @@ TEST_F(Encoding, HeldPicturesAndTheHostsContextAreLeftAlone) {
         device::api().popContext();
     }
 }
-
 // What NVENC encodes is the CPU twin's packing of the input, from host memory with any pitch
 // and from device memory; colour rows go in at the frame's pitch, which is wider than theirs.
 TEST_F(Encoding, EveryInputKindReachesTheEncoderAsTheCpuTwinPacksIt) {
@@ -188,7 +183,6 @@ TEST_F(Encoding, EveryInputKindReachesTheEncoderAsTheCpuTwinPacksIt) {
             EXPECT_EQ(type, uint32_t(NV_ENC_PIC_TYPE_IDR));
         }
 }
-
 TEST_F(Encoding, ForcedIntraAndDriverFailuresReachTheCaller) {
     uint32_t type = 0;
     const std::pair<const char*, const char*> failures[] = {
@@ -212,7 +206,6 @@ TEST_F(Encoding, ForcedIntraAndDriverFailuresReachTheCaller) {
         EXPECT_EQ(type, uint32_t(NV_ENC_PIC_TYPE_I));
     }
 }
-
 // Each record holds NVENC's packet of its own picture and its type (lossless at 10 frames/s: an IDR every
 // 5). A packet of the cap (3 x 16 x 8 bytes) is stored; one over it fails with its text and makes the next one
 // a forced IDR with parameter sets, where the IDR period restarts. A frame without a stream is not encoded.

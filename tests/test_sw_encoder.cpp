@@ -21,7 +21,6 @@ struct Recording {
     uint64_t bitrate = 0;
     Content content = kRamp;
 };
-
 // Kinds 2-5: a ramp with 2 bits of noise moved by 5 bytes a frame (P-frames predict), or kFloatRamp: a float ramp (key frames
 // 1.2 times its size coded); it and kNoiseBurst have noise in frames 5-7 (1.4 times). BGRA and UYVY: shifted gradients.
 Bytes frameData(const Recording& r, uint32_t i) {
@@ -42,7 +41,6 @@ Bytes frameData(const Recording& r, uint32_t i) {
     }
     return frame;
 }
-
 // Records frameData into `out` and returns the bytes the encoder gave.
 uint64_t record(const Recording& r, FILE* out) {
     Pipe pipe(ZOHW_CreateEncoder(r.kind, 1, r.lossless, r.width, r.height, r.bitrate, r.fps), &ZOHW_Destroy);
@@ -58,7 +56,6 @@ uint64_t record(const Recording& r, FILE* out) {
     if (pipe) ZOHW_CloseQRVContainer(pipe.get(), out);
     return total;
 }
-
 // PSNR over the colour channels (BGR of BGRA, all of UYVY).
 double psnr(const Bytes& a, const Bytes& b, uint32_t kind) {
     double sum = 0, count = 0;
@@ -66,7 +63,6 @@ double psnr(const Bytes& a, const Bytes& b, uint32_t kind) {
         if (kind != 0 || i % 4 != 3) sum += (a[i] - b[i]) * (a[i] - b[i]), ++count;
     return count == 0 ? 0 : sum == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * count / sum);
 }
-
 class SwEncoding : public testing::TestWithParam<Recording> {
 protected:
     void SetUp() override {
@@ -123,7 +119,6 @@ TEST_P(SwEncoding, LosslessRecordingsComeBackInOrderAndAfterSeeksAndAsFfmpegDeco
     }
     std::filesystem::remove_all(dir);
 }
-
 INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::ValuesIn(std::vector<Recording>{
     {0, 64, 48, 12, 8, 1}, {0, 101, 75, 12, 8, 1}, {1, 64, 48, 12, 8, 1}, {2, 64, 48, 12, 8, 1}, {2, 70, 41, 12, 8, 1},
     {3, 64, 48, 12, 8, 1}, {3, 63, 47, 12, 8, 1}, {4, 40, 32, 12, 8, 1}, {4, 45, 31, 12, 8, 1}, {5, 32, 24, 12, 8, 1},
@@ -188,7 +183,6 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
     }
     std::filesystem::remove_all(dir);
 }
-
 TEST_F(SwEncoding, CbrOfThreeHundredFramesMeetsTheBitrateWithinTenPercent) {
     for (const uint64_t bitrate : {500000ull, 1000000ull}) {
         const Recording r{3, 160, 120, 300, 30, 0, bitrate};
@@ -197,7 +191,6 @@ TEST_F(SwEncoding, CbrOfThreeHundredFramesMeetsTheBitrateWithinTenPercent) {
     }
     for (const uint32_t width : {8u, 24u}) record({4, width, 8, 10, 30, 0, 8000000, kNoiseBurst}, openBytes({}).get());  // VBV > picture
 }
-
 TEST_F(SwEncoding, ZoqrvEncoderChoosesOrFailsWithAText) {
     const char* const unsupported = "unsupported hardware or codec for encoding";
     // An empty text: a pipe with libx265 ("auto": without NVENC here; a GPU machine may give NVENC).
@@ -212,7 +205,6 @@ TEST_F(SwEncoding, ZoqrvEncoderChoosesOrFailsWithAText) {
         EXPECT_TRUE(!pipe || std::string(value) != "x265" || dynamic_cast<SwEncoder*>(pipe->encoder.get()));
     }
 }
-
 // ZOHW_Encode fails noise frames of 32-bit samples (over its w x h x 4 bytes); libx265 had them as references,
 // so the next frame is an IDR with parameter sets, and ffmpeg decodes every frame that came out bit for bit.
 TEST_F(SwEncoding, FramesThatFailSpoilNoFrameAfterThem) {

@@ -9,7 +9,6 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/log.h>
 }
-
 namespace {
 
 constexpr CUresult kInvalidValue = CUresult(1), kInvalidHandle = CUresult(400), kNotSupported = CUresult(801),
@@ -37,7 +36,6 @@ void* newHandle() {
 void place(const uint8_t* src, int stride, size_t w, size_t h, uint8_t* dst, size_t pitch) {
     for (size_t r = 0; r < h; ++r) std::memcpy(dst + r * pitch, src + r * size_t(stride), w);
 }
-
 // A decoded picture: NV12 of its coded size (pitch = coded width) and its sequence's format.
 struct Picture {
     CUVIDEOFORMAT format = {};
@@ -47,7 +45,6 @@ struct Picture {
     void allocate() { nv12.assign(size_t(width()) * (height() + (height() + 1) / 2), kFiller); }
     uint8_t* chroma() { return nv12.data() + size_t(width()) * height(); }
 };
-
 // libavcodec decodes both codecs; a parser splits each packet into its pictures, and the decoder's
 // uncropped frames carry the coded size (x265 codes whole 8 x 8 blocks, x264 16 x 16 macroblocks)
 // and the crop. Content other than 8-bit 4:2:0 is announced as 4:4:4 and left as filler.
@@ -118,7 +115,6 @@ private:
     AVPacket* packet_ = av_packet_alloc();
     AVFrame* frame_ = av_frame_alloc();
 };
-
 // ---- Driver objects ---------------------------------------------------------------------
 
 struct Parser {
@@ -160,13 +156,11 @@ CUresult CUDAAPI ctxLockCreate(CUvideoctxlock* lock, CUcontext context) {
     state().locks[*lock = static_cast<CUvideoctxlock>(newHandle())] = context;
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI ctxLockDestroy(CUvideoctxlock lock) {
     for (const auto& decoder : state().decoders)
         if (decoder.second.info.vidLock == lock) breach("context lock destroyed while a decoder uses it");
     return state().locks.erase(lock) ? CUDA_SUCCESS : breach("unknown context lock", kInvalidHandle);
 }
-
 // Outputs are all 0 for what the hardware cannot decode.
 CUresult CUDAAPI getDecoderCaps(CUVIDDECODECAPS* caps) {
     CONTEXT_ENTRY("cuvidGetDecoderCaps");
@@ -177,7 +171,6 @@ CUresult CUDAAPI getDecoderCaps(CUVIDDECODECAPS* caps) {
     caps->nMinWidth = uint16_t(yes * fake().minWidth), caps->nMinHeight = uint16_t(yes * fake().minHeight);
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI createDecoder(CUvideodecoder* handle, CUVIDDECODECREATEINFO* info) {
     CONTEXT_ENTRY("cuvidCreateDecoder");
     if (info->vidLock && !state().locks.count(info->vidLock)) return breach("decoder with an unknown context lock");
@@ -194,14 +187,12 @@ CUresult CUDAAPI createDecoder(CUvideodecoder* handle, CUVIDDECODECREATEINFO* in
     decoder.surfaces.resize(info->ulNumDecodeSurfaces);
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI destroyDecoder(CUvideodecoder handle) {
     DECODER(handle);
     if (!decoder->mapped.empty()) breach("decoder destroyed with a frame still mapped");
     state().decoders.erase(handle);
     return CUDA_SUCCESS;
 }
-
 // The decoder's surface of the picture: the picture's samples where its coded size and the
 // decoder's overlap (a sequence of another size gives a mangled surface, as on hardware).
 CUresult CUDAAPI decodePicture(CUvideodecoder handle, CUVIDPICPARAMS* params) {
@@ -220,7 +211,6 @@ CUresult CUDAAPI decodePicture(CUvideodecoder handle, CUVIDPICPARAMS* params) {
           surface.chroma(), surface.width());
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI mapVideoFrame(CUvideodecoder handle, int picture, unsigned long long* frame, unsigned int* pitch,
                                CUVIDPROCPARAMS* params) {
     CONTEXT_ENTRY("cuvidMapVideoFrame64");
@@ -250,7 +240,6 @@ CUresult CUDAAPI mapVideoFrame(CUvideodecoder handle, int picture, unsigned long
     *pitch = framePitch;
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI unmapVideoFrame(CUvideodecoder handle, unsigned long long frame) {
     DECODER(handle);
     if (!decoder->mapped.erase(frame)) return breach("unmapped a frame that is not mapped");
@@ -261,7 +250,6 @@ CUresult CUDAAPI unmapVideoFrame(CUvideodecoder handle, unsigned long long frame
     if (pushed) device::api().popContext();
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI createParser(CUvideoparser* handle, CUVIDPARSERPARAMS* params) {
     ENTRY("cuvidCreateVideoParser");
     if (!params->pfnSequenceCallback || !params->pfnDecodePicture || !params->pfnDisplayPicture)
@@ -274,11 +262,9 @@ CUresult CUDAAPI createParser(CUvideoparser* handle, CUVIDPARSERPARAMS* params) 
     parser.decoder = std::make_unique<RealDecoder>(params->CodecType);
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI destroyParser(CUvideoparser handle) {
     return state().parsers.erase(handle) ? CUDA_SUCCESS : breach("unknown parser", kInvalidHandle);
 }
-
 // Displays what is held beyond `keep` pictures, oldest first.
 CUresult display(Parser& parser, size_t keep) {
     const CUVIDPARSERPARAMS& p = parser.params;
@@ -286,7 +272,6 @@ CUresult display(Parser& parser, size_t keep) {
         if (!p.pfnDisplayPicture(p.pUserData, &parser.held.front())) return kUnknown;
     return CUDA_SUCCESS;
 }
-
 CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, int64_t timestamp) {
     const CUVIDPARSERPARAMS& p = parser.params;
     for (const Picture& picture : pictures) {
@@ -310,7 +295,6 @@ CUresult parsePictures(Parser& parser, const std::vector<Picture>& pictures, int
     }
     return CUDA_SUCCESS;
 }
-
 CUresult CUDAAPI parseVideoData(CUvideoparser handle, CUVIDSOURCEDATAPACKET* packet) {
     ENTRY("cuvidParseVideoData");
     Parser* parser = find(state().parsers, handle);
@@ -335,7 +319,6 @@ size_t FakeCuvid::liveObjects() const {
     for (const auto& decoder : state().decoders) live += decoder.second.mapped.size();
     return live;
 }
-
 DriverApi FakeCuvid::driverApi() {
     static CuvidFunctions functions = [] {
         CuvidFunctions f = {};
@@ -351,12 +334,10 @@ DriverApi FakeCuvid::driverApi() {
     api.cuvid = &functions;
     return api;
 }
-
 FakeCuvid& fakeCuvid() {
     static FakeCuvid instance;
     return instance;
 }
-
 // Mapped frames are host-table memory, which the host table's own reset frees.
 void resetFakeCuvid() {
     state() = State{};

@@ -43,7 +43,6 @@ Object* mappedResource(Session& session, void* mapped) {
     Object* resource = find(session, static_cast<char*>(mapped) - 1, false);
     return resource && resource->mapped ? resource : nullptr;
 }
-
 // Each entry logs its call, and a chosen failure answers before anything is done; session
 // entries find their session, and every structure's version word must be the session's.
 #define ENTRY(name)   \
@@ -63,7 +62,6 @@ bool isLegacyPreset(const GUID& preset) {
     return same(preset, NV_ENC_PRESET_DEFAULT_GUID) || same(preset, NV_ENC_PRESET_LOW_LATENCY_HQ_GUID) ||
            same(preset, NV_ENC_PRESET_LOSSLESS_DEFAULT_GUID) || same(preset, NV_ENC_PRESET_LOSSLESS_HP_GUID);
 }
-
 // A failed open hands back a session too, which the client must destroy.
 NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, void** encoder) {
     Session& session = sessions[*encoder = newHandle()];
@@ -77,7 +75,6 @@ NVENCSTATUS NVENCAPI openSession(NV_ENC_OPEN_ENCODE_SESSION_EX_PARAMS* params, v
     session.opened = true;
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI getCaps(void* encoder, GUID codec, NV_ENC_CAPS_PARAM* query, int* value) {
     SESSION_ENTRY("nvEncGetEncodeCaps", encoder);
     VERSION(query->version, 1, false);
@@ -86,7 +83,6 @@ NVENCSTATUS NVENCAPI getCaps(void* encoder, GUID codec, NV_ENC_CAPS_PARAM* query
     *value = same(codec, NV_ENC_CODEC_HEVC_GUID) && !fake().hevc ? 0 : (caps.count(query->capsToQuery) ? caps.at(query->capsToQuery) : 0);
     return NV_ENC_SUCCESS;
 }
-
 // Both preset queries: the legacy one takes the legacy presets only, the newer one the others.
 NVENCSTATUS preset(Session& session, bool legacyQuery, GUID codec, GUID preset, NV_ENC_TUNING_INFO tuning,
                    NV_ENC_PRESET_CONFIG* out) {
@@ -114,7 +110,6 @@ NVENCSTATUS NVENCAPI getPresetEx(void* encoder, GUID codec, GUID presetGuid, NV_
     SESSION_ENTRY("nvEncGetEncodePresetConfigEx", encoder);
     return preset(session, false, codec, presetGuid, tuning, config);
 }
-
 NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params) {
     SESSION_ENTRY("nvEncInitializeEncoder", encoder);
     VERSION(params->version, 5, true);
@@ -142,7 +137,6 @@ NVENCSTATUS NVENCAPI initialize(void* encoder, NV_ENC_INITIALIZE_PARAMS* params)
     session.idrPeriod = idrPeriod;
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI createBitstream(void* encoder, NV_ENC_CREATE_BITSTREAM_BUFFER* params) {
     SESSION_ENTRY("nvEncCreateBitstreamBuffer", encoder);
     VERSION(params->version, 1, false);
@@ -150,7 +144,6 @@ NVENCSTATUS NVENCAPI createBitstream(void* encoder, NV_ENC_CREATE_BITSTREAM_BUFF
     session.objects[params->bitstreamBuffer = newHandle()].isBuffer = true;
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI registerResource(void* encoder, NV_ENC_REGISTER_RESOURCE* params) {
     SESSION_ENTRY("nvEncRegisterResource", encoder);
     VERSION(params->version, 3, false);
@@ -162,7 +155,6 @@ NVENCSTATUS NVENCAPI registerResource(void* encoder, NV_ENC_REGISTER_RESOURCE* p
     session.objects[params->registeredResource = newHandle()].registration = *params;
     return NV_ENC_SUCCESS;
 }
-
 // Buffers and resources go the same way, after a flush; a mapped resource does not.
 NVENCSTATUS destroy(Session& session, void* handle, bool buffer) {
     Object* object = find(session, handle, buffer);
@@ -179,7 +171,6 @@ NVENCSTATUS NVENCAPI unregisterResource(void* encoder, NV_ENC_REGISTERED_PTR res
     SESSION_ENTRY("nvEncUnregisterResource", encoder);
     return destroy(session, resource, false);
 }
-
 NVENCSTATUS NVENCAPI mapResource(void* encoder, NV_ENC_MAP_INPUT_RESOURCE* params) {
     SESSION_ENTRY("nvEncMapInputResource", encoder);
     VERSION(params->version, 4, false);
@@ -190,7 +181,6 @@ NVENCSTATUS NVENCAPI mapResource(void* encoder, NV_ENC_MAP_INPUT_RESOURCE* param
     params->mappedBufferFmt = resource->registration.bufferFormat;
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI unmapResource(void* encoder, NV_ENC_INPUT_PTR mapped) {
     SESSION_ENTRY("nvEncUnmapInputResource", encoder);
     Object* resource = mappedResource(session, mapped);
@@ -198,13 +188,11 @@ NVENCSTATUS NVENCAPI unmapResource(void* encoder, NV_ENC_INPUT_PTR mapped) {
     resource->mapped = false;
     return NV_ENC_SUCCESS;
 }
-
 // Held-back pictures are finished by the next successful submission, or by the flush.
 NVENCSTATUS finishHeld(Session& session) {
     for (Object* buffer : session.held) buffer->ready = true;
     return session.held.clear(), NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
     SESSION_ENTRY("nvEncEncodePicture", encoder);
     VERSION(pic->version, 4, true);
@@ -234,7 +222,6 @@ NVENCSTATUS NVENCAPI encodePicture(void* encoder, NV_ENC_PIC_PARAMS* pic) {
     buffer->ready = true;
     return finishHeld(session);
 }
-
 NVENCSTATUS NVENCAPI lockBitstream(void* encoder, NV_ENC_LOCK_BITSTREAM* lock) {
     SESSION_ENTRY("nvEncLockBitstream", encoder);
     VERSION(lock->version, 1, false);
@@ -247,7 +234,6 @@ NVENCSTATUS NVENCAPI lockBitstream(void* encoder, NV_ENC_LOCK_BITSTREAM* lock) {
     lock->pictureType = static_cast<NV_ENC_PIC_TYPE>(buffer->pictureType);
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI unlockBitstream(void* encoder, NV_ENC_OUTPUT_PTR bitstream) {
     SESSION_ENTRY("nvEncUnlockBitstream", encoder);
     Object* buffer = find(session, bitstream, true);
@@ -255,7 +241,6 @@ NVENCSTATUS NVENCAPI unlockBitstream(void* encoder, NV_ENC_OUTPUT_PTR bitstream)
     buffer->locked = false;
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI destroyEncoder(void* encoder) {
     SESSION_ENTRY("nvEncDestroyEncoder", encoder);
     if (!session.objects.empty()) breach("session destroyed while holding buffers or registered resources (leak)");
@@ -263,13 +248,11 @@ NVENCSTATUS NVENCAPI destroyEncoder(void* encoder) {
     sessions.erase(encoder);
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI maxSupportedVersion(uint32_t* version) {
     ENTRY("NvEncodeAPIGetMaxSupportedVersion");
     *version = fake().maxVersion;
     return NV_ENC_SUCCESS;
 }
-
 NVENCSTATUS NVENCAPI createInstance(NV_ENCODE_API_FUNCTION_LIST* list) {
     ENTRY("NvEncodeAPICreateInstance");
     functionListApi = list->version & 0x0F00FFFFu;
@@ -284,7 +267,6 @@ NVENCSTATUS NVENCAPI createInstance(NV_ENCODE_API_FUNCTION_LIST* list) {
     list->nvEncDestroyEncoder = destroyEncoder;
     return NV_ENC_SUCCESS;
 }
-
 int loadLibrary(NvencFunctions** functions) {
     static NvencFunctions library;
     if (fake().failing.count("load")) return -1;
@@ -305,7 +287,6 @@ FakeNvenc& fakeNvenc() {
     static FakeNvenc instance;
     return instance;
 }
-
 DriverApi FakeNvenc::driverApi() {
     sessions.clear();
     DriverApi api;
@@ -313,7 +294,6 @@ DriverApi FakeNvenc::driverApi() {
     api.freeNvenc = freeLibrary;
     return api;
 }
-
 size_t FakeNvenc::openSessions() const { return sessions.size(); }
 
 std::vector<uint8_t> FakeNvenc::payload(uint32_t index, uint32_t type, const uint8_t* surface, uint32_t pitch,
