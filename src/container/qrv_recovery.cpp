@@ -62,7 +62,5 @@ bool qrvWriteClosingIndex(FILE* in, const QrvSoftwareIndex& tables, FILE* out) {
     std::vector<QrvIndexEntry> index = tables.frameList;
     for (QrvIndexEntry& entry : index)
         if (!qrvRecordChecksum(file, entry.recordOffset, tables.found.recordsEnd, entry.reserved)) return false;
-    const uint32_t frameCount = uint32_t(tables.sampleCount);
-    return fwrite(index.data(), sizeof(QrvIndexEntry), index.size(), out) == index.size() &&
-           fwrite(&frameCount, 4, 1, out) == 1 && fflush(out) == 0;
+    return qrvWriteIndex(out, index, uint32_t(tables.sampleCount)) == 0;
 }
