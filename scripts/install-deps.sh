@@ -3,7 +3,8 @@
 set -euo pipefail
 packages=(cmake g++ pkg-config make libffmpeg-nvenc-dev libde265-dev libx265-dev zlib1g-dev libpng-dev
           libgtest-dev libgmock-dev libavcodec-dev libbenchmark-dev x265 ffmpeg binutils python3
-          dpkg-dev pybind11-dev python3-numpy python3-pytest)
+          dpkg-dev pybind11-dev python3-pybind11 python3-numpy python3-pytest python3-venv python3-pip
+          libx264-dev libcli11-dev libavformat-dev libswscale-dev zstd)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
