@@ -1,6 +1,11 @@
 # Installation for other projects: the shared library with its soname, the public header, the
 # zoqrv tool, a CMake package (zo_qrv64::zo_qrv64) and a pkg-config file; CPack makes a .deb.
 # The internal static library, the tests and the benchmarks stay in the build tree.
+# Debian's loader searches lib/<multiarch> under /usr and /usr/local alike, so one library folder
+# serves both the install and the package (GNUInstallDirs picks it only for a /usr prefix).
+if(CMAKE_LIBRARY_ARCHITECTURE AND EXISTS /etc/debian_version AND NOT DEFINED CMAKE_INSTALL_LIBDIR)
+  set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Object code libraries")
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -37,6 +42,8 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
     "Records image streams through NVIDIA's video engines into QRV files and plays them back")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/package)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "zo_qrv64 developers")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
