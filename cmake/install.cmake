@@ -49,4 +49,22 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libx265-199, libavcodec59")
 set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_SOURCE_DIR}/LICENSE)
+# One package per group: the library's (zo-qrv64) and, where the module is built for Debian's own
+# interpreter, python3-zoqrv for it, in /usr/lib/python3/dist-packages. The module's runtime needs
+# are the library package's, so its dependencies are named rather than computed.
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL Unspecified Development)
+set(CPACK_COMPONENT_UNSPECIFIED_GROUP library)
+set(CPACK_COMPONENT_DEVELOPMENT_GROUP library)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME zo-qrv64)
+if(TARGET zoqrv_python AND ZOQRV_PYTHON_IS_DEBIANS)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+  set(CPACK_COMPONENT_PYTHON_GROUP python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-zoqrv)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "zo-qrv64 (= ${PROJECT_VERSION}), ${ZOQRV_PYTHON_DEPENDS}, python3-numpy")
+  set(CPACK_COMPONENT_PYTHON_DESCRIPTION "QRV recordings as numpy arrays: the zoqrv module")
+endif()
 include(CPack)
