@@ -1,15 +1,18 @@
-// The libx265 encoder behind the C interface: recordings played back through the software
-// decoder (lossless kinds bit for bit, colour kinds by PSNR, in order and after seeks) and by
-// ffmpeg from the exported stream, the bitrate of CBR, and the encoder choice.
+// The software encoders behind the C interface (libx264 for H.264, libx265 for HEVC): recordings
+// played back through the software decoder (lossless kinds bit for bit, colour kinds by PSNR, in
+// order and after seeks) and by ffmpeg from the exported stream, the bitrate of CBR, and the
+// encoder choice.
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <cmath>
 #include <thread>
 
+#include "api/encoder_choice.h"
 #include "api/pipe.h"
 #include "container/annexb.h"
 #include "codec/SwEncoder.h"
+#include "codec/X264Encoder.h"
 #include "kernels/packing.h"
 #include "support.h"
 
@@ -20,6 +23,7 @@ struct Recording {
     uint32_t kind, width, height, frames, fps, lossless;
     uint64_t bitrate = 0;
     Content content = kRamp;
+    uint32_t codec = 1;
 };
 // Kinds 2-5: a ramp with 2 bits of noise moved by 5 bytes a frame (P-frames predict), or kFloatRamp: a float ramp (key frames
 // 1.2 times its size coded); it and kNoiseBurst have noise in frames 5-7 (1.4 times). BGRA and UYVY: shifted gradients.
@@ -43,7 +47,7 @@ Bytes frameData(const Recording& r, uint32_t i) {
 }
 // Records frameData into `out` and returns the bytes the encoder gave.
 uint64_t record(const Recording& r, FILE* out) {
-    Pipe pipe(ZOHW_CreateEncoder(r.kind, 1, r.lossless, r.width, r.height, r.bitrate, r.fps), &ZOHW_Destroy);
+    Pipe pipe(ZOHW_CreateEncoder(r.kind, r.codec, r.lossless, r.width, r.height, r.bitrate, r.fps), &ZOHW_Destroy);
     EXPECT_TRUE(pipe) << ZOHW_GetError(nullptr);
     uint64_t total = 0, size = 0;
     uint32_t metadata[64] = {};
@@ -63,11 +67,18 @@ double psnr(const Bytes& a, const Bytes& b, uint32_t kind) {
         if (kind != 0 || i % 4 != 3) sum += (a[i] - b[i]) * (a[i] - b[i]), ++count;
     return count == 0 ? 0 : sum == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * count / sum);
 }
-class SwEncoding : public testing::TestWithParam<Recording> {
+bool missingLibrary(uint32_t codec) { return codec == 0 ? !X264Encoder::library() : !SwEncoder::library(); }
+class SwEncoding : public testing::TestWithParam<std::tuple<Recording, uint32_t>> {
 protected:
     void SetUp() override {
-        if (!SwEncoder::library()) GTEST_SKIP() << "libx265 is not installed";
-        setenv("ZOQRV_ENCODER", "x265", 1);
+        if (missingLibrary(0) || missingLibrary(1)) GTEST_SKIP() << "libx264 or libx265 is not installed";
+        setenv("ZOQRV_ENCODER", "software", 1);
+    }
+    // The parameter's recording, by the parameter's codec.
+    static Recording recording() {
+        Recording r = std::get<0>(GetParam());
+        r.codec = std::get<1>(GetParam());
+        return r;
     }
 };
 
@@ -79,8 +90,8 @@ protected:
 // 46.8 dB; an odd width loses more, since the YUYV of the software decoder has no V for its last
 // column: 37.4 dB. A floor of 35 dB still fails a wrong matrix or swapped chroma (< 30 dB).
 TEST_P(SwEncoding, LosslessRecordingsComeBackInOrderAndAfterSeeksAndAsFfmpegDecodesTheExport) {
-    const Recording r = GetParam();
-    const std::string dir = makeTestDirectory(), qrv = dir + "/file.qrv", hevc = dir + "/file.hevc";
+    const Recording r = recording();
+    const std::string dir = makeTestDirectory(), qrv = dir + "/file.qrv", hevc = dir + (r.codec ? "/file.hevc" : "/file.h264");
     // Odd sizes are coded padded to even ones, which ffmpeg shows whole.
     const uint32_t width = packing::pictureWidth(r.kind, r.width);
     const HevcStream exported{qrv, dir + "/file.yuv", width + width % 2, r.height + r.height % 2, r.frames};
@@ -91,7 +102,7 @@ TEST_P(SwEncoding, LosslessRecordingsComeBackInOrderAndAfterSeeksAndAsFfmpegDeco
                          " && ffmpeg -nostdin -loglevel error -y -i " + hevc + " -pix_fmt yuv420p " + exported.yuvPath), 0);
     const std::vector<Bytes> pictures = exported.pictures();
     ASSERT_EQ(pictures.size(), r.frames);
-    Pipe pipe = decoderPipe(r.kind, 1, width, r.height);
+    Pipe pipe = decoderPipe(r.kind, r.codec, width, r.height);
     const int start = 0;
     ASSERT_TRUE(pipe && ZOHW_StartDecoding(pipe.get(), &start) == 0 && ZOHW_CreateQRVTracker(pipe.get(), file.get()) == 0);
     Bytes yuyv(size_t(width) * r.height * 2), data(packing::packedSize(r.kind, r.width, r.height));
@@ -119,10 +130,10 @@ TEST_P(SwEncoding, LosslessRecordingsComeBackInOrderAndAfterSeeksAndAsFfmpegDeco
     }
     std::filesystem::remove_all(dir);
 }
-INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::ValuesIn(std::vector<Recording>{
+INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::Combine(testing::ValuesIn(std::vector<Recording>{
     {0, 64, 48, 12, 8, 1}, {0, 101, 75, 12, 8, 1}, {1, 64, 48, 12, 8, 1}, {2, 64, 48, 12, 8, 1}, {2, 70, 41, 12, 8, 1},
     {3, 64, 48, 12, 8, 1}, {3, 63, 47, 12, 8, 1}, {4, 40, 32, 12, 8, 1}, {4, 45, 31, 12, 8, 1}, {5, 32, 24, 12, 8, 1},
-    {5, 29, 21, 12, 8, 1}, {5, 160, 120, 12, 8, 1, 0, kFloatRamp}, {4, 160, 120, 12, 8, 1, 0, kNoiseBurst}}));
+    {5, 29, 21, 12, 8, 1}, {5, 160, 120, 12, 8, 1, 0, kFloatRamp}, {4, 160, 120, 12, 8, 1, 0, kNoiseBurst}}), testing::Values(0u, 1u)));
 
 // `zoqrv record` killed (kill -9) after 5, 12 and 40 frames, once the file stops growing: info names the
 // complete records and the torn tail (counted here by walking the layout), recover closes the file with
@@ -184,50 +195,74 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
     std::filesystem::remove_all(dir);
 }
 TEST_F(SwEncoding, CbrOfThreeHundredFramesMeetsTheBitrateWithinTenPercent) {
-    for (const uint64_t bitrate : {500000ull, 1000000ull}) {
-        const Recording r{3, 160, 120, 300, 30, 0, bitrate};
-        const double bitsPerSecond = double(record(r, openBytes({}).get())) * 8 / (r.frames / double(r.fps));
-        EXPECT_NEAR(bitsPerSecond, double(bitrate), 0.1 * bitrate);
+    for (const uint32_t codec : {0u, 1u}) {
+        for (const uint64_t bitrate : {500000ull, 1000000ull}) {
+            const Recording r{3, 160, 120, 300, 30, 0, bitrate, kRamp, codec};
+            const double bitsPerSecond = double(record(r, openBytes({}).get())) * 8 / (r.frames / double(r.fps));
+            EXPECT_NEAR(bitsPerSecond, double(bitrate), 0.1 * bitrate) << "codec " << codec;
+        }
+        for (const uint32_t width : {8u, 24u})  // VBV > picture
+            record({4, width, 8, 10, 30, 0, 8000000, kNoiseBurst, codec}, openBytes({}).get());
     }
-    for (const uint32_t width : {8u, 24u}) record({4, width, 8, 10, 30, 0, 8000000, kNoiseBurst}, openBytes({}).get());  // VBV > picture
 }
 TEST_F(SwEncoding, ZoqrvEncoderChoosesOrFailsWithAText) {
     const char* const unsupported = "unsupported hardware or codec for encoding";
-    // An empty text: a pipe with libx265 ("auto": without NVENC here; a GPU machine may give NVENC).
+    // An empty text: a pipe with the software encoder of the codec ("auto": without NVENC here; a GPU
+    // machine may give NVENC). The library names pick the codec's encoder, not their own.
     const std::tuple<const char*, uint32_t, const char*> cases[] = {
-        {"x265", 1, ""}, {"auto", 1, ""}, {"x265", 0, unsupported}, {"x265", 7, unsupported},
-        {"X265", 1, "ZOQRV_ENCODER must be nvenc, auto or x265"}};
+        {"software", 1, ""}, {"software", 0, ""}, {"auto", 1, ""}, {"auto", 0, ""}, {"x265", 0, ""}, {"x264", 1, ""},
+        {"software", 7, unsupported}, {"X265", 1, "ZOQRV_ENCODER must be nvenc, auto, software, x264 or x265"}};
     for (const auto& [value, codec, text] : cases) {
         setenv("ZOQRV_ENCODER", value, 1);
         Pipe pipe(ZOHW_CreateEncoder(4, codec, 1, 32, 16, 0, 30), &ZOHW_Destroy);
         ASSERT_EQ(bool(pipe), !*text) << value << " codec " << codec;
         EXPECT_STREQ(pipe ? "" : ZOHW_GetError(nullptr), text);
-        EXPECT_TRUE(!pipe || std::string(value) != "x265" || dynamic_cast<SwEncoder*>(pipe->encoder.get()));
+        EXPECT_TRUE(!pipe || std::string(value) == "auto" ||
+                    (codec == 0 ? bool(dynamic_cast<X264Encoder*>(pipe->encoder.get()))
+                                : bool(dynamic_cast<SwEncoder*>(pipe->encoder.get())))) << value << " codec " << codec;
+    }
+    EXPECT_EQ(defaultRecordingCodec(), 0u);  // "software"
+}
+// Picture types by NVENC's numbering, forced intra and IDR frames as asked, from both encoders.
+TEST_F(SwEncoding, PictureTypesFollowGopForcedIntraAndKeyFrameRequests) {
+    const Bytes frame = frameData({3, 32, 16, 0, 30, 0}, 0);
+    for (const uint32_t codec : {0u, 1u}) {
+        const char* failure = nullptr;
+        std::unique_ptr<Encoder> encoder = createChosenEncoder(3, codec, 0, 200000, 32, 16, 4, &failure);
+        std::vector<uint32_t> types;
+        for (uint32_t i = 0, type = 99; encoder && i < 7; types.push_back(type), ++i) {
+            if (i == 5) encoder->requestKeyFrame();
+            EXPECT_GT(encoder->encode(frame.data(), 32, 32, 16, &type, i == 2), 0u);
+        }
+        EXPECT_EQ(types, std::vector<uint32_t>({3, 0, 2, 0, 3, 3, 0})) << "codec " << codec;  // GOP of 4
     }
 }
-// ZOHW_Encode fails noise frames of 32-bit samples (over its w x h x 4 bytes); libx265 had them as references,
+// ZOHW_Encode fails noise frames of 32-bit samples (over its w x h x 4 bytes); the encoder had them as references,
 // so the next frame is an IDR with parameter sets, and ffmpeg decodes every frame that came out bit for bit.
 TEST_F(SwEncoding, FramesThatFailSpoilNoFrameAfterThem) {
-    const Recording r{5, 32, 24, 10, 12, 1, 0, kNoiseBurst};  // an IDR every 6 frames
-    const std::string dir = makeTestDirectory(), hevc = dir + "/out.hevc";
-    Pipe pipe(ZOHW_CreateEncoder(r.kind, 1, 1, r.width, r.height, 0, r.fps), &ZOHW_Destroy);
-    Bytes stream, out(r.width * r.height * 4);
-    uint64_t size = 0;
-    for (uint32_t i = 0; pipe && i < r.frames; ++i) {
-        const std::string text =
-            ZOHW_Encode(pipe.get(), &size, frameData(r, i).data(), r.width * 4, out.data()) ? ZOHW_GetError(pipe.get()) : "";
-        EXPECT_EQ(text, i >= 5 && i < 8 ? "Encode output buffer overflow" : "") << "frame " << i;
-        EXPECT_TRUE(i != 8 || (annexBDetectCodec(out.data(), size) == AnnexBCodec::Hevc &&
-                               annexBHasRandomAccessPicture(out.data(), size, AnnexBCodec::Hevc)));
-        if (text.empty()) stream.insert(stream.end(), out.begin(), out.begin() + long(size));
+    for (const uint32_t codec : {0u, 1u}) {
+        const Recording r{5, 32, 24, 10, 12, 1, 0, kNoiseBurst};  // an IDR every 6 frames
+        const AnnexBCodec annexB = codec ? AnnexBCodec::Hevc : AnnexBCodec::H264;
+        const std::string dir = makeTestDirectory(), hevc = dir + (codec ? "/out.hevc" : "/out.h264");
+        Pipe pipe(ZOHW_CreateEncoder(r.kind, codec, 1, r.width, r.height, 0, r.fps), &ZOHW_Destroy);
+        Bytes stream, out(r.width * r.height * 4);
+        uint64_t size = 0;
+        for (uint32_t i = 0; pipe && i < r.frames; ++i) {
+            const std::string text =
+                ZOHW_Encode(pipe.get(), &size, frameData(r, i).data(), r.width * 4, out.data()) ? ZOHW_GetError(pipe.get()) : "";
+            EXPECT_EQ(text, i >= 5 && i < 8 ? "Encode output buffer overflow" : "") << "frame " << i;
+            EXPECT_TRUE(i != 8 || (annexBDetectCodec(out.data(), size) == annexB &&
+                                   annexBHasRandomAccessPicture(out.data(), size, annexB))) << "codec " << codec;
+            if (text.empty()) stream.insert(stream.end(), out.begin(), out.begin() + long(size));
+        }
+        std::ofstream(hevc, std::ios::binary).write(reinterpret_cast<const char*>(stream.data()), long(stream.size()));
+        const HevcStream decoded{"", dir + "/out.yuv", 4 * r.width, r.height, r.frames};
+        ASSERT_EQ(runCommand("ffmpeg -nostdin -loglevel error -y -i " + hevc + " -pix_fmt yuv420p " + decoded.yuvPath), 0);
+        const std::vector<Bytes> pictures = decoded.yuv420Frames();
+        ASSERT_EQ(pictures.size(), r.frames - 3);
+        for (uint32_t k = 0, i = 0; k < pictures.size(); ++k, i = k < 5 ? k : k + 3)  // frames 5-7 failed
+            EXPECT_TRUE(packing::unpackOnHost(r.kind, pictures[k].data(), 4 * r.width, out.data(), r.width, r.height) &&
+                        out == frameData(r, i)) << "codec " << codec << " frame " << i;
+        std::filesystem::remove_all(dir);
     }
-    std::ofstream(hevc, std::ios::binary).write(reinterpret_cast<const char*>(stream.data()), long(stream.size()));
-    const HevcStream decoded{"", dir + "/out.yuv", 4 * r.width, r.height, r.frames};
-    ASSERT_EQ(runCommand("ffmpeg -nostdin -loglevel error -y -i " + hevc + " -pix_fmt yuv420p " + decoded.yuvPath), 0);
-    const std::vector<Bytes> pictures = decoded.yuv420Frames();
-    ASSERT_EQ(pictures.size(), r.frames - 3);
-    for (uint32_t k = 0, i = 0; k < pictures.size(); ++k, i = k < 5 ? k : k + 3)  // frames 5-7 failed
-        EXPECT_TRUE(packing::unpackOnHost(r.kind, pictures[k].data(), 4 * r.width, out.data(), r.width, r.height) &&
-                    out == frameData(r, i)) << "frame " << i;
-    std::filesystem::remove_all(dir);
 }

@@ -6,10 +6,12 @@
 #include "api/codec_object.h"
 #include "codec/HwEncoder.h"
 #include "codec/SwEncoder.h"
+#include "codec/X264Encoder.h"
 
 namespace {
 
-const char kUnknownChoice[] = "ZOQRV_ENCODER must be nvenc, auto or x265";
+const char kUnknownChoice[] = "ZOQRV_ENCODER must be nvenc, auto, software, x264 or x265";
+constexpr uint32_t kH264 = 0, kHevc = 1;
 
 enum class Choice { Nvenc, Auto, Software, Unknown };
 
@@ -17,7 +19,10 @@ Choice readChoice() {
     const char* value = std::getenv("ZOQRV_ENCODER");
     if (!value || !*value || std::strcmp(value, "nvenc") == 0) return Choice::Nvenc;
     if (std::strcmp(value, "auto") == 0) return Choice::Auto;
-    if (std::strcmp(value, "x265") == 0) return Choice::Software;
+    // The names of the two libraries stay for scripts that know them; each means the software
+    // encoder of the pipe's codec, as "software" does.
+    for (const char* software : {"software", "x264", "x265"})
+        if (std::strcmp(value, software) == 0) return Choice::Software;
     return Choice::Unknown;
 }
 
@@ -43,9 +48,21 @@ std::unique_ptr<Encoder> createChosenEncoder(uint32_t dataFormat, uint32_t codec
         auto hardware = readyOrNull<HwEncoder>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
         if (hardware || choice == Choice::Nvenc) return hardware;
     }
-    auto software = readyOrNull<SwEncoder>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
-    // Asked for by name, a missing libx265 is worth its own text; with "auto" it only means
-    // that there is no software encoder.
-    if (!software && choice == Choice::Software && !SwEncoder::library()) *failure = SwEncoder::kMissingLibraryText;
+    if (codec != kH264 && codec != kHevc) return nullptr;
+    auto software = codec == kH264
+                        ? readyOrNull<X264Encoder>(dataFormat, codec, lossless, bitrate, width, height, frameRate)
+                        : readyOrNull<SwEncoder>(dataFormat, codec, lossless, bitrate, width, height, frameRate);
+    // A missing library is worth its own text: the machine lacks a package, not a codec.
+    if (!software) {
+        if (codec == kH264 && !X264Encoder::library()) *failure = X264Encoder::kMissingLibraryText;
+        if (codec == kHevc && !SwEncoder::library()) *failure = SwEncoder::kMissingLibraryText;
+    }
     return software;
+}
+
+uint32_t defaultRecordingCodec() {
+    if (readChoice() == Choice::Software) return kH264;
+    // A small lossy HEVC session, which every NVENC that encodes HEVC takes.
+    constexpr uint32_t kUint8 = 3;
+    return readyOrNull<HwEncoder>(kUint8, kHevc, 0, 1000000, 256, 256, 30) ? kHevc : kH264;
 }

@@ -5,11 +5,8 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 
 #include "codec/Exception.h"
-#include "device/device_api.h"
-#include "kernels/packing.h"
 
 namespace {
 
@@ -33,7 +30,6 @@ uint32_t nvencPictureType(int sliceType) {
 // libx265 takes 4:2:0 pictures of even size and at least one coding tree unit (16 x 16 at
 // the smallest) each way.
 constexpr uint32_t kSmallestCtu = 16;
-uint32_t encodedSize(uint32_t size) { return std::max(kSmallestCtu, size + (size & 1)); }
 
 }  // namespace
 
@@ -49,7 +45,7 @@ bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossl
                           uint32_t width, uint32_t height, uint32_t frameRate) {
     if (api.param_default_preset(param, "ultrafast", "zerolatency") < 0) return false;
     param->logLevel = X265_LOG_ERROR;
-    const uint32_t codedWidth = encodedSize(width), codedHeight = encodedSize(height);
+    const uint32_t codedWidth = paddedSize(width, kSmallestCtu), codedHeight = paddedSize(height, kSmallestCtu);
     // Pictures smaller than the preset's coding tree unit take the smallest one.
     if (codedWidth < param->maxCUSize || codedHeight < param->maxCUSize) param->maxCUSize = kSmallestCtu;
     param->sourceWidth = static_cast<int>(codedWidth);
@@ -103,32 +99,22 @@ const x265_api* SwEncoder::library() {
     return api;
 }
 
-SwEncoder::SwEncoder(uint32_t dataFormat_, uint32_t codec, uint32_t lossless, uint64_t bitrate, uint32_t width_,
-                     uint32_t height_, uint32_t frameRate)
-    : dataFormat(dataFormat_), width(width_), height(height_), frameWidth(packing::pictureWidth(dataFormat_, width_)),
-      framePitch(packing::nv12Pitch(frameWidth)),
-      planeWidth(encodedSize(frameWidth)), planeHeight(encodedSize(height_)) {
+SwEncoder::SwEncoder(uint32_t dataFormat, uint32_t codec, uint32_t lossless, uint64_t bitrate, uint32_t width,
+                     uint32_t height, uint32_t frameRate)
+    : SoftwareEncoder(dataFormat, width, height, kSmallestCtu) {
     constexpr uint32_t kHevc = 1;
-    const uint32_t frameBytes = packing::packedSize(dataFormat, width, height);
-    if (codec != kHevc || frameBytes == 0 || frameWidth < width) return;
+    if (codec != kHevc || planeBytes() == 0) return;
     api = library();
     if (!api) return;
-    // Every buffer before libx265's objects: a failed allocation then leaves nothing of
-    // libx265's behind, as the destructor does not run.
-    frame.assign(packing::nv12Bytes(frameWidth, height), 0);
-    planes.assign(size_t(planeWidth) * planeHeight * 3 / 2, 0);
-    // The per-frame cap of both encoders, so that every reader takes what either one makes.
-    output.resize(packing::maxAccessUnitBytes(frameWidth, height));
     param = api->param_alloc();
-    if (!param || !configure(*api, param, lossless, bitrate, frameWidth, height, frameRate)) return;
+    if (!param || !configure(*api, param, lossless, bitrate, frameWidth(), height, frameRate)) return;
     api->picture_init(param, &input);
     input.colorSpace = X265_CSP_I420;
     input.bitDepth = 8;
-    input.planes[0] = planes.data();
-    input.planes[1] = planes.data() + size_t(planeWidth) * planeHeight;
-    input.planes[2] = static_cast<uint8_t*>(input.planes[1]) + size_t(planeWidth / 2) * (planeHeight / 2);
-    input.stride[0] = static_cast<int>(planeWidth);
-    input.stride[1] = input.stride[2] = static_cast<int>(planeWidth / 2);
+    for (int i = 0; i < 3; ++i) {
+        input.planes[i] = plane(i);
+        input.stride[i] = static_cast<int>(i == 0 ? planeWidth() : planeWidth() / 2);
+    }
     encoder = api->encoder_open(param);
 }
 
@@ -137,68 +123,13 @@ SwEncoder::~SwEncoder() {
     if (param) api->param_free(param);
 }
 
-void SwEncoder::fillPlanes() {
-    // The padding of small and odd sizes repeats the last column and row, which costs the
-    // fewest bits.
-    uint8_t* luma = planes.data();
-    for (uint32_t y = 0; y < planeHeight; ++y) {
-        const uint8_t* from = frame.data() + size_t(std::min(y, height - 1)) * framePitch;
-        uint8_t* to = luma + size_t(y) * planeWidth;
-        std::memcpy(to, from, frameWidth);
-        std::memset(to + frameWidth, from[frameWidth - 1], planeWidth - frameWidth);
-    }
-    const uint32_t chromaWidth = planeWidth / 2, chromaRows = planeHeight / 2;
-    uint8_t* cb = luma + size_t(planeWidth) * planeHeight;
-    uint8_t* cr = cb + size_t(chromaWidth) * chromaRows;
-    const uint8_t* chroma = frame.data() + size_t(framePitch) * height;
-    const uint32_t pairs = (frameWidth + 1) / 2, lastRow = (height - 1) / 2;
-    for (uint32_t y = 0; y < chromaRows; ++y) {
-        const uint8_t* from = chroma + size_t(std::min(y, lastRow)) * framePitch;
-        uint8_t* u = cb + size_t(y) * chromaWidth;
-        uint8_t* v = cr + size_t(y) * chromaWidth;
-        for (uint32_t x = 0; x < pairs; ++x) {
-            u[x] = from[2 * x];
-            v[x] = from[2 * x + 1];
-        }
-        std::memset(u + pairs, u[pairs - 1], chromaWidth - pairs);
-        std::memset(v + pairs, v[pairs - 1], chromaWidth - pairs);
-    }
-}
-
-uint64_t SwEncoder::encode(const void* data, uint64_t pitch, uint32_t width_, uint32_t height_,
-                           uint32_t* pictureType, bool forceIntra) {
-    *pictureType = NV_ENC_PIC_TYPE_UNKNOWN;
-    if (!encoder || width_ != width || height_ != height || !data) return 0;
-    const device::Api& device = device::api();
-    if (device.isDevicePointer(data)) {
-        const uint32_t rowBytes = packing::tightPitch(dataFormat, width);
-        hostCopy.resize(size_t(rowBytes) * height);
-        device.copy2D(hostCopy.data(), rowBytes, data, pitch, rowBytes, height, device::CopyKind::DeviceToHost);
-        data = hostCopy.data();
-        pitch = rowBytes;
-    }
-    packing::packOnHost(dataFormat, data, static_cast<uint32_t>(pitch), frame.data(), framePitch, width, height);
-    fillPlanes();
-
-    input.sliceType = keyFrameRequested ? X265_TYPE_IDR : forceIntra ? X265_TYPE_I : X265_TYPE_AUTO;
-    // libx265 holds the picture as a reference once it has it: until its bytes are out whole,
-    // the next frame is to be an IDR.
-    keyFrameRequested = true;
+uint32_t SwEncoder::codePicture(Forced forced) {
+    input.sliceType = forced == Forced::Idr ? X265_TYPE_IDR : forced == Forced::Intra ? X265_TYPE_I : X265_TYPE_AUTO;
     x265_picture encoded;
     x265_nal* nals = nullptr;
     uint32_t nalCount = 0;
     if (api->encoder_encode(encoder, &nals, &nalCount, &input, &encoded) < 0)
         throw Exception("Encode failed (libx265 refused the picture)");
-    uint64_t total = 0;
-    for (uint32_t i = 0; i < nalCount; ++i) {
-        if (total + nals[i].sizeBytes > output.size()) throw Exception("Encode output buffer overflow");
-        std::memcpy(output.data() + total, nals[i].payload, nals[i].sizeBytes);
-        total += nals[i].sizeBytes;
-    }
-    if (total) {
-        *pictureType = nvencPictureType(encoded.sliceType);
-        ++encodedFrameCount;
-    }
-    keyFrameRequested = false;
-    return total;
+    for (uint32_t i = 0; i < nalCount; ++i) appendUnit(nals[i].payload, nals[i].sizeBytes);
+    return nvencPictureType(encoded.sliceType);
 }
