@@ -171,7 +171,7 @@ void decode(const uint8_t* operations, size_t count) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (!freopen("/dev/null", "w", stdout)) return 1;  // the creation failure's line
-    recording = recordWithX265(kWidth, kHeight, 6, 3);
+    recording = recordInSoftware(1, kWidth, kHeight, 6, 3);
     MemoryFile file = openMemory(recording);
     Pipe pipe(ZOHW_CreateDecoder(3, kHevc, kWidth, kHeight, 0), &ZOHW_Destroy);
     if (!pipe || (firstFrame = readFirstFrame(pipe.get(), file.get())).empty()) abort();

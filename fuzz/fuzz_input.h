@@ -88,12 +88,12 @@ inline void runFileCall(ZoHwPipe* pipe, FILE* file, uint8_t operation, std::vect
 }
 
 // A recording of `frames` w x h images of 8-bit samples (data format 3) made through the
-// library with libx265, an IDR every `gop` frames, each record with a timestamp and 64
-// metadata words of its own; the process keeps choosing libx265 afterwards. Aborts when no
-// recording can be made.
-inline std::vector<uint8_t> recordWithX265(uint32_t w, uint32_t h, uint32_t frames, uint32_t gop) {
-    setenv("ZOQRV_ENCODER", "x265", 1);
-    Pipe encoder(ZOHW_CreateEncoder(3, 1, 0, w, h, 100000, gop), &ZOHW_Destroy);
+// library with its software encoder of `codec` (0 libx264, 1 libx265), an IDR every `gop`
+// frames, each record with a timestamp and 64 metadata words of its own; the process keeps
+// choosing software encoders afterwards. Aborts when no recording can be made.
+inline std::vector<uint8_t> recordInSoftware(uint32_t codec, uint32_t w, uint32_t h, uint32_t frames, uint32_t gop) {
+    setenv("ZOQRV_ENCODER", "software", 1);
+    Pipe encoder(ZOHW_CreateEncoder(3, codec, 0, w, h, 100000, gop), &ZOHW_Destroy);
     char* buffer = nullptr;
     size_t bytes = 0;
     FILE* stream = open_memstream(&buffer, &bytes);

@@ -1,11 +1,11 @@
-// Random seeks and reads on a real recording (libx265 through the library, several GOPs) against
-// one sequential decode of it made at start-up, on a software pipe and on a hardware pipe (the
-// fake CUVID driver on the host device table). A seek to sample s decodes from the key frame at
+// Random seeks and reads on a real recording (libx264 or libx265 through the library, several
+// GOPs) against one sequential decode of it made at start-up, on a software pipe and on a
+// hardware pipe (the fake CUVID driver on the host device table). A seek to sample s decodes from the key frame at
 // or before s and leaves the file at record s, so the reads that follow must give exactly the
 // frames, heads and metadata of the sequential decode from s on; look-ups never depend on the
 // position. Any difference aborts.
 //
-// Input: a pipe byte (bit 0: 1 hardware, 0 software), then up to 24 operation bytes: the top
+// Input: a pipe byte (bit 0: 1 hardware, 0 software; bit 1: 1 H.264, 0 HEVC), then up to 24 operation bytes: the top
 // two bits the call (0 read, 1 seek, 2 time stamp, 3 metadata), the low six bits modulo
 // (records + 2) the sample plus 1.
 #include <algorithm>
@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr uint32_t kWidth = 64, kHeight = 48, kFrames = 14, kGop = 4, kUint8 = 3, kHevc = 1;
+constexpr uint32_t kWidth = 64, kHeight = 48, kFrames = 14, kGop = 4, kUint8 = 3;
 constexpr size_t kMaxOperations = 24;
 
 struct Read {
@@ -48,17 +48,18 @@ struct Reference {
     std::vector<LookUp> lookUps;  // of samples -1 to kFrames
 };
 
-std::vector<uint8_t> recording;
+std::vector<uint8_t> recordings[2];  // by codec
 FakeHardware* hardware;
-Reference references[2];
+Reference references[2][2];  // by codec, then hardware
 
 size_t frameBytes(bool onHardware) { return size_t(kWidth) * kHeight * (onHardware ? 1 : 2); }
 
-Pipe openPipe(bool onHardware, FILE* file) {
+Pipe openPipe(uint32_t codec, bool onHardware, FILE* file) {
     // A driver that supports no codec leaves the pipe to the software decoder, which writes
     // YUYV pictures whatever the data format.
-    fakeCuvid().supported = onHardware ? std::set<cudaVideoCodec>{cudaVideoCodec_HEVC} : std::set<cudaVideoCodec>{};
-    Pipe pipe(ZOHW_CreateDecoder(kUint8, kHevc, kWidth, kHeight, 0), &ZOHW_Destroy);
+    fakeCuvid().supported = onHardware ? std::set<cudaVideoCodec>{codec ? cudaVideoCodec_HEVC : cudaVideoCodec_H264}
+                                       : std::set<cudaVideoCodec>{};
+    Pipe pipe(ZOHW_CreateDecoder(kUint8, codec, kWidth, kHeight, 0), &ZOHW_Destroy);
     const int start = 0;
     if (!pipe || ZOHW_GetDecoderType(pipe.get()) != (onHardware ? 1u : 2u) || ZOHW_StartDecoding(pipe.get(), &start) ||
         ZOHW_CreateQRVTracker(pipe.get(), file))
@@ -82,9 +83,9 @@ LookUp lookUp(ZoHwPipe* pipe, FILE* file, int32_t sample) {
     return l;
 }
 
-Reference decodeSequentially(bool onHardware) {
-    MemoryFile file = openMemory(recording);
-    Pipe pipe = openPipe(onHardware, file.get());
+Reference decodeSequentially(uint32_t codec, bool onHardware) {
+    MemoryFile file = openMemory(recordings[codec]);
+    Pipe pipe = openPipe(codec, onHardware, file.get());
     Reference reference;
     // The file starts with the client's header: reading in order starts with a seek to sample 0.
     if (ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), 0)) abort();
@@ -105,10 +106,10 @@ void mismatch(const char* what, int position) {
     abort();
 }
 
-void stress(bool onHardware, const uint8_t* operations, size_t count) {
-    const Reference& reference = references[onHardware];
-    MemoryFile file = openMemory(recording);
-    Pipe pipe = openPipe(onHardware, file.get());
+void stress(uint32_t codec, bool onHardware, const uint8_t* operations, size_t count) {
+    const Reference& reference = references[codec][onHardware];
+    MemoryFile file = openMemory(recordings[codec]);
+    Pipe pipe = openPipe(codec, onHardware, file.get());
     int position = -1;  // the record the next read starts at; -1 at the header or after a failed read
     for (size_t i = 0; i < count; ++i) {
         const int32_t sample = int32_t((operations[i] & 63) % (kFrames + 2)) - 1;
@@ -138,16 +139,18 @@ void stress(bool onHardware, const uint8_t* operations, size_t count) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    recording = recordWithX265(kWidth, kHeight, kFrames, kGop);
     hardware = new FakeHardware;  // for the whole run
-    for (bool onHardware : {false, true}) references[onHardware] = decodeSequentially(onHardware);
+    for (uint32_t codec : {0u, 1u}) {
+        recordings[codec] = recordInSoftware(codec, kWidth, kHeight, kFrames, kGop);
+        for (bool onHardware : {false, true}) references[codec][onHardware] = decodeSequentially(codec, onHardware);
+    }
     hardware->checkAndReset();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
-    stress(data[0] & 1, data + 1, std::min(size - 1, kMaxOperations));
+    stress((data[0] >> 1) & 1 ? 0 : 1, data[0] & 1, data + 1, std::min(size - 1, kMaxOperations));
     hardware->checkAndReset();
     return 0;
 }

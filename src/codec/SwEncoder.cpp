@@ -38,12 +38,14 @@ const char SwEncoder::kMissingLibraryText[] =
 #undef ZOQRV_EXPAND_TEXT
 #undef ZOQRV_TEXT
 
+const char SwEncoder::kPreset[] = "ultrafast";
+
 // The settings of the NVENC path: no look-ahead, B-frames or frame threads, so each frame's
 // access unit leaves in its own call; an IDR with parameter sets every GOP; lossless, or CBR
 // with a one-frame VBV.
 bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64_t bitrate,
-                          uint32_t width, uint32_t height, uint32_t frameRate) {
-    if (api.param_default_preset(param, "ultrafast", "zerolatency") < 0) return false;
+                          uint32_t width, uint32_t height, uint32_t frameRate, const char* preset) {
+    if (api.param_default_preset(param, preset ? preset : kPreset, "zerolatency") < 0) return false;
     param->logLevel = X265_LOG_ERROR;
     const uint32_t codedWidth = paddedSize(width, kSmallestCtu), codedHeight = paddedSize(height, kSmallestCtu);
     // Pictures smaller than the preset's coding tree unit take the smallest one.

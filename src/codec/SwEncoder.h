@@ -24,10 +24,13 @@ public:
     static const x265_api* library();
     // The failure text of a software encoder asked for while library() is null.
     static const char kMissingLibraryText[];
+    // The preset the measurements chose (docs/software-encoding.md).
+    static const char kPreset[];
     // The settings of a picture of width × height, coded padded to even sizes of at least 16
-    // each way; false for settings libx265 cannot take. The benchmark's baseline uses them too.
+    // each way, with the chosen preset or the one given; false for settings libx265 cannot take.
+    // The benchmark's baseline uses them too.
     static bool configure(const x265_api& api, x265_param* param, uint32_t lossless, uint64_t bitrate,
-                          uint32_t width, uint32_t height, uint32_t frameRate);
+                          uint32_t width, uint32_t height, uint32_t frameRate, const char* preset = nullptr);
 
 private:
     uint32_t codePicture(Forced forced) override;
