@@ -4,8 +4,9 @@
 // goes; for H.264 libavcodec with the pipe's settings (one thread, low delay), a packet each.
 // libavcodec also decodes the HEVC streams, for comparison with libde265.
 //
-// Data: scripts/make-test-data.sh DIR build/tools/zoqrv bench, then run with
-// ZOQRV_BENCH_DATA=DIR (default: bench-data in the working directory).
+// Data: scripts/make-test-data.sh DIR build/tools/zoqrv bench and bench_sw_encoder with
+// ZOQRV_BENCH_DATA=DIR, then run with ZOQRV_BENCH_DATA=DIR (default: bench-data in the working
+// directory).
 #include <benchmark/benchmark.h>
 #include <libde265/de265.h>
 
@@ -33,7 +34,11 @@ constexpr BenchStream kStreams[] = {{"bench_640x480", 640, 480, 1},
                                     {"bench_1920x1080", 1920, 1080, 1},
                                     {"h264_bench_640x480", 640, 480, 0},
                                     {"h264_bench_1920x1080", 1920, 1080, 0},
-                                    {"h264_lossless_bench_640x480", 640, 480, 0}};
+                                    {"h264_lossless_bench_640x480", 640, 480, 0},
+                                    // bench_sw_encoder's recordings through the library's own
+                                    // libx264: 16-bit depth (a 1280-wide picture) lossless, colour CBR.
+                                    {"recorded_depth_640x480_x264", 1280, 480, 0},
+                                    {"recorded_colour_1920x1080_x264", 1920, 1080, 0}};
 
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 

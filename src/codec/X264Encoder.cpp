@@ -37,7 +37,7 @@ const char X264Encoder::kMissingLibraryText[] =
 #undef ZOQRV_EXPAND_TEXT
 #undef ZOQRV_TEXT
 
-const char X264Encoder::kLosslessPreset[] = "superfast";
+const char X264Encoder::kLosslessPreset[] = "veryfast";
 const char X264Encoder::kLossyPreset[] = "superfast";
 
 // The settings of the NVENC path: no look-ahead, B-frames or frame threads (zerolatency; its
