@@ -15,10 +15,11 @@
 #include "codec/X264Encoder.h"
 #include "kernels/packing.h"
 #include "support.h"
+#include "../bench/realistic_frames.h"
 
 namespace {
 
-enum Content { kRamp, kNoiseBurst, kFloatRamp };
+enum Content { kRamp, kNoiseBurst, kFloatRamp, kDepth };
 struct Recording {
     uint32_t kind, width, height, frames, fps, lossless;
     uint64_t bitrate = 0;
@@ -26,16 +27,18 @@ struct Recording {
     uint32_t codec = 1;
 };
 // Kinds 2-5: a ramp with 2 bits of noise moved by 5 bytes a frame (P-frames predict), or kFloatRamp: a float ramp (key frames
-// 1.2 times its size coded); it and kNoiseBurst have noise in frames 5-7 (1.4 times). BGRA and UYVY: shifted gradients.
+// 1.2 times its size coded); it and kNoiseBurst have noise in frames 5-7 (1.4 times); kDepth: realistic 16-bit depth.
+// BGRA and UYVY: shifted gradients.
 Bytes frameData(const Recording& r, uint32_t i) {
     static const Bytes noise = randomBytes(1 << 20, 7);
     Bytes frame(packing::packedSize(r.kind, r.width, r.height));
+    if (r.content == kDepth) std::memcpy(frame.data(), realistic::depthFrame(r.width, r.height, i).data(), frame.size());
     if (r.content != kRamp && i >= 5 && i < 8) return randomBytes(frame.size(), i);
     for (size_t s = 0; r.content == kFloatRamp && s < frame.size() / 4; ++s) {
         const float value = 0.37f * float(s % r.width) + 1.13f * float(s / r.width) + 0.1f * float(i);
         std::memcpy(&frame[4 * s], &value, 4);
     }
-    if (r.content == kFloatRamp) return frame;
+    if (r.content == kFloatRamp || r.content == kDepth) return frame;
     for (size_t b = 0; b < frame.size(); ++b) {
         const size_t x = b / (r.kind == 0 ? 4 : 2) % r.width, y = b / (r.kind == 0 ? 4 : 2) / r.width;
         const uint8_t luma = uint8_t(x * 2 + i), colour[] = {luma, uint8_t(y * 3), uint8_t(x + y + 40), 255};
@@ -133,7 +136,8 @@ TEST_P(SwEncoding, LosslessRecordingsComeBackInOrderAndAfterSeeksAndAsFfmpegDeco
 INSTANTIATE_TEST_SUITE_P(Kinds, SwEncoding, testing::Combine(testing::ValuesIn(std::vector<Recording>{
     {0, 64, 48, 12, 8, 1}, {0, 101, 75, 12, 8, 1}, {1, 64, 48, 12, 8, 1}, {2, 64, 48, 12, 8, 1}, {2, 70, 41, 12, 8, 1},
     {3, 64, 48, 12, 8, 1}, {3, 63, 47, 12, 8, 1}, {4, 40, 32, 12, 8, 1}, {4, 45, 31, 12, 8, 1}, {5, 32, 24, 12, 8, 1},
-    {5, 29, 21, 12, 8, 1}, {5, 160, 120, 12, 8, 1, 0, kFloatRamp}, {4, 160, 120, 12, 8, 1, 0, kNoiseBurst}}), testing::Values(0u, 1u)));
+    {5, 29, 21, 12, 8, 1}, {5, 160, 120, 12, 8, 1, 0, kFloatRamp}, {4, 160, 120, 12, 8, 1, 0, kNoiseBurst},
+    {4, 160, 120, 12, 8, 1, 0, kDepth}, {4, 81, 61, 12, 8, 1, 0, kDepth}}), testing::Values(0u, 1u)));
 
 // `zoqrv record` killed (kill -9) after 5, 12 and 40 frames, once the file stops growing: info names the
 // complete records and the torn tail (counted here by walking the layout), recover closes the file with
