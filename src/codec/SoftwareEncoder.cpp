@@ -1,13 +1,48 @@
 #include "codec/SoftwareEncoder.h"
 
 #include <ffnvcodec/nvEncodeAPI.h>
+#include <x265.h>
+
+#include <cstdio>  // x264.h uses FILE without it
+#include <x264.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 #include "codec/Exception.h"
 #include "device/device_api.h"
 #include "kernels/packing.h"
+
+static_assert(X264_TYPE_AUTO == X265_TYPE_AUTO && X264_TYPE_IDR == X265_TYPE_IDR && X264_TYPE_I == X265_TYPE_I &&
+              X264_TYPE_P == X265_TYPE_P);
+
+int SoftwareEncoder::libraryPictureType(Forced forced) {
+    return forced == Forced::Idr ? X264_TYPE_IDR : forced == Forced::Intra ? X264_TYPE_I : X264_TYPE_AUTO;
+}
+
+uint32_t SoftwareEncoder::nvencPictureType(int libraryType) {
+    switch (libraryType) {
+    case X264_TYPE_IDR: return NV_ENC_PIC_TYPE_IDR;
+    case X264_TYPE_I: return NV_ENC_PIC_TYPE_I;
+    case X264_TYPE_P: return NV_ENC_PIC_TYPE_P;
+    default: return NV_ENC_PIC_TYPE_B;  // never asked for: B-frames are off
+    }
+}
+
+int SoftwareEncoder::gopFrames(uint32_t lossless, uint32_t frameRate) {
+    return std::max<int>(1, static_cast<int>(gopLength(lossless, frameRate)));
+}
+
+bool SoftwareEncoder::kilobitRate(uint64_t bitrate, uint32_t frameRate, uint32_t width, uint32_t height,
+                                  KilobitRate& rate) {
+    if (frameRate == 0 || bitrate / 1000 == 0) return false;
+    const LossyRate lossy = lossyRate(bitrate, frameRate, width, height);
+    const uint64_t kilobits = lossy.bitsPerSecond / 1000;
+    if (kilobits > INT32_MAX) return false;
+    rate = {static_cast<int>(kilobits), std::max<int>(1, static_cast<int>(lossy.vbvBits / 1000))};
+    return true;
+}
 
 uint32_t SoftwareEncoder::paddedSize(uint32_t size, uint32_t minimumSize) {
     return std::max(minimumSize, size + (size & 1));

@@ -9,6 +9,10 @@
 
 #include "codec/Encoder.h"
 
+// The text of a macro's value, for sonames and entry points that carry a build number.
+#define ZOQRV_TEXT(x) #x
+#define ZOQRV_VALUE_TEXT(x) ZOQRV_TEXT(x)
+
 class SoftwareEncoder : public Encoder {
 public:
     // Frames of another size than the creation's give no bytes.
@@ -18,9 +22,23 @@ public:
 
     // The coded size of a picture side: even, and at least minimumSize.
     static uint32_t paddedSize(uint32_t size, uint32_t minimumSize);
+    // The GOP as on NVENC, at least 1: a frame rate of 1 lossless would give 0, which neither
+    // library takes; every frame is then an IDR.
+    static int gopFrames(uint32_t lossless, uint32_t frameRate);
+    // CBR in the libraries' kilobits a second: the one-frame VBV of Encoder::lossyRate for the
+    // picture (unpadded, as the cap). False for rates they cannot take.
+    struct KilobitRate {
+        int bitrate, vbvBuffer;
+    };
+    static bool kilobitRate(uint64_t bitrate, uint32_t frameRate, uint32_t width, uint32_t height, KilobitRate& rate);
 
 protected:
     enum class Forced { None, Intra, Idr };
+    // Picture types by libx264's and libx265's numbering, which is the same: what to ask for,
+    // and NVENC's number for what came out, so that files from any encoder carry the same
+    // frame types.
+    static int libraryPictureType(Forced forced);
+    static uint32_t nvencPictureType(int libraryType);
     // Pictures are coded padded to even sizes of at least minimumSize each way. No buffer is
     // made for a data format or size that cannot be packed: planeBytes() is then 0.
     SoftwareEncoder(uint32_t dataFormat, uint32_t width, uint32_t height, uint32_t minimumSize);

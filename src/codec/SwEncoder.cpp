@@ -1,31 +1,15 @@
 #include "codec/SwEncoder.h"
 
 #include <dlfcn.h>
-#include <ffnvcodec/nvEncodeAPI.h>
-
-#include <algorithm>
-#include <climits>
 
 #include "codec/Exception.h"
 
 namespace {
 
-#define ZOQRV_TEXT(x) #x
-#define ZOQRV_EXPAND_TEXT(x) ZOQRV_TEXT(x)
 // The soname and entry point of the interface x265.h describes (x265_api_get is a macro that
 // appends the build number).
-constexpr const char kLibraryName[] = "libx265.so." ZOQRV_EXPAND_TEXT(X265_BUILD);
-constexpr const char kEntryPoint[] = "x265_api_get_" ZOQRV_EXPAND_TEXT(X265_BUILD);
-
-// NVENC's picture types, so that files from either encoder carry the same frame types.
-uint32_t nvencPictureType(int sliceType) {
-    switch (sliceType) {
-    case X265_TYPE_IDR: return NV_ENC_PIC_TYPE_IDR;
-    case X265_TYPE_I: return NV_ENC_PIC_TYPE_I;
-    case X265_TYPE_P: return NV_ENC_PIC_TYPE_P;
-    default: return NV_ENC_PIC_TYPE_B;  // never asked for: B-frames are off
-    }
-}
+constexpr const char kLibraryName[] = "libx265.so." ZOQRV_VALUE_TEXT(X265_BUILD);
+constexpr const char kEntryPoint[] = "x265_api_get_" ZOQRV_VALUE_TEXT(X265_BUILD);
 
 // libx265 takes 4:2:0 pictures of even size and at least one coding tree unit (16 x 16 at
 // the smallest) each way.
@@ -34,9 +18,7 @@ constexpr uint32_t kSmallestCtu = 16;
 }  // namespace
 
 const char SwEncoder::kMissingLibraryText[] =
-    "the software encoder needs libx265.so." ZOQRV_EXPAND_TEXT(X265_BUILD) ", which cannot be loaded";
-#undef ZOQRV_EXPAND_TEXT
-#undef ZOQRV_TEXT
+    "the HEVC software encoder needs libx265.so." ZOQRV_VALUE_TEXT(X265_BUILD) ", which cannot be loaded";
 
 const char SwEncoder::kPreset[] = "ultrafast";
 
@@ -60,27 +42,18 @@ bool SwEncoder::configure(const x265_api& api, x265_param* param, uint32_t lossl
     param->frameNumThreads = 1;
     param->scenecutThreshold = 0;
     param->bOpenGOP = 0;
-    // GOP as on NVENC. A frame rate of 1 lossless would give 0, which libx265 does not take:
-    // every frame is then an IDR.
-    const int gop = std::max<int>(1, static_cast<int>(gopLength(lossless, frameRate)));
-    param->keyframeMax = param->keyframeMin = gop;
+    param->keyframeMax = param->keyframeMin = gopFrames(lossless, frameRate);
     param->bRepeatHeaders = 1;
     param->bAnnexB = 1;
     param->bEmitInfoSEI = 0;
     param->bLossless = lossless == 1;
-    if (lossless != 1) {
-        if (frameRate == 0) return false;
-        if (bitrate / 1000 == 0) return false;
-        // The one-frame VBV, cut to the raw picture (unpadded, as the cap) when the bitrate
-        // would let a frame outgrow the output cap.
-        const LossyRate rate = lossyRate(bitrate, frameRate, width, height);
-        const uint64_t kilobits = rate.bitsPerSecond / 1000;
-        if (kilobits > INT32_MAX) return false;
-        param->rc.rateControlMode = X265_RC_ABR;
-        param->rc.bitrate = param->rc.vbvMaxBitrate = static_cast<int>(kilobits);
-        param->rc.vbvBufferSize = std::max<int>(1, static_cast<int>(rate.vbvBits / 1000));
-        param->rc.bStrictCbr = 1;
-    }
+    if (lossless == 1) return true;
+    KilobitRate rate;
+    if (!kilobitRate(bitrate, frameRate, width, height, rate)) return false;
+    param->rc.rateControlMode = X265_RC_ABR;
+    param->rc.bitrate = param->rc.vbvMaxBitrate = rate.bitrate;
+    param->rc.vbvBufferSize = rate.vbvBuffer;
+    param->rc.bStrictCbr = 1;
     return true;
 }
 
@@ -126,7 +99,7 @@ SwEncoder::~SwEncoder() {
 }
 
 uint32_t SwEncoder::codePicture(Forced forced) {
-    input.sliceType = forced == Forced::Idr ? X265_TYPE_IDR : forced == Forced::Intra ? X265_TYPE_I : X265_TYPE_AUTO;
+    input.sliceType = libraryPictureType(forced);
     x265_picture encoded;
     x265_nal* nals = nullptr;
     uint32_t nalCount = 0;

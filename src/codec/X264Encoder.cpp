@@ -1,31 +1,18 @@
 #include "codec/X264Encoder.h"
 
 #include <dlfcn.h>
-#include <ffnvcodec/nvEncodeAPI.h>
 
 #include <algorithm>
-#include <climits>
+#include <type_traits>
 
 #include "codec/Exception.h"
 
 namespace {
 
-#define ZOQRV_TEXT(x) #x
-#define ZOQRV_EXPAND_TEXT(x) ZOQRV_TEXT(x)
 // The soname of the interface x264.h describes, and its encoder_open, whose name carries the
 // build number so that a library of another interface has none.
-constexpr const char kLibraryName[] = "libx264.so." ZOQRV_EXPAND_TEXT(X264_BUILD);
-constexpr const char kEncoderOpen[] = "x264_encoder_open_" ZOQRV_EXPAND_TEXT(X264_BUILD);
-
-// NVENC's picture types, so that files from any encoder carry the same frame types.
-uint32_t nvencPictureType(int type) {
-    switch (type) {
-    case X264_TYPE_IDR: return NV_ENC_PIC_TYPE_IDR;
-    case X264_TYPE_I: return NV_ENC_PIC_TYPE_I;
-    case X264_TYPE_P: return NV_ENC_PIC_TYPE_P;
-    default: return NV_ENC_PIC_TYPE_B;  // never asked for: B-frames are off
-    }
-}
+constexpr const char kLibraryName[] = "libx264.so." ZOQRV_VALUE_TEXT(X264_BUILD);
+constexpr const char kEncoderOpen[] = "x264_encoder_open_" ZOQRV_VALUE_TEXT(X264_BUILD);
 
 // libx264 takes 4:2:0 pictures of even size; it pads to macroblocks itself.
 constexpr uint32_t kSmallestSide = 2;
@@ -33,9 +20,7 @@ constexpr uint32_t kSmallestSide = 2;
 }  // namespace
 
 const char X264Encoder::kMissingLibraryText[] =
-    "the H.264 software encoder needs libx264.so." ZOQRV_EXPAND_TEXT(X264_BUILD) ", which cannot be loaded";
-#undef ZOQRV_EXPAND_TEXT
-#undef ZOQRV_TEXT
+    "the H.264 software encoder needs libx264.so." ZOQRV_VALUE_TEXT(X264_BUILD) ", which cannot be loaded";
 
 const char X264Encoder::kLosslessPreset[] = "veryfast";
 const char X264Encoder::kLossyPreset[] = "superfast";
@@ -62,8 +47,7 @@ bool X264Encoder::configure(const Api& api, x264_param_t* param, uint32_t lossle
     param->i_scenecut_threshold = 0;
     param->b_intra_refresh = 0;
     param->b_open_gop = 0;
-    // GOP as on NVENC; a frame rate of 1 lossless would give 0: every frame is then an IDR.
-    param->i_keyint_max = param->i_keyint_min = std::max<int>(1, static_cast<int>(gopLength(lossless, frameRate)));
+    param->i_keyint_max = param->i_keyint_min = gopFrames(lossless, frameRate);
     param->b_repeat_headers = 1;
     param->b_annexb = 1;
     param->b_aud = 0;
@@ -72,15 +56,11 @@ bool X264Encoder::configure(const Api& api, x264_param_t* param, uint32_t lossle
         param->rc.i_qp_constant = 0;
         return true;
     }
-    if (frameRate == 0 || bitrate / 1000 == 0) return false;
-    // The one-frame VBV, cut to the raw picture when the bitrate would let a frame outgrow the
-    // output cap.
-    const LossyRate rate = lossyRate(bitrate, frameRate, width, height);
-    const uint64_t kilobits = rate.bitsPerSecond / 1000;
-    if (kilobits > INT32_MAX) return false;
+    KilobitRate rate;
+    if (!kilobitRate(bitrate, frameRate, width, height, rate)) return false;
     param->rc.i_rc_method = X264_RC_ABR;
-    param->rc.i_bitrate = param->rc.i_vbv_max_bitrate = static_cast<int>(kilobits);
-    param->rc.i_vbv_buffer_size = std::max<int>(1, static_cast<int>(rate.vbvBits / 1000));
+    param->rc.i_bitrate = param->rc.i_vbv_max_bitrate = rate.bitrate;
+    param->rc.i_vbv_buffer_size = rate.vbvBuffer;
     // Filler data keeps the rate constant on easy pictures too, as NVENC's CBR does.
     param->rc.b_filler = 1;
     return true;
@@ -128,7 +108,7 @@ X264Encoder::~X264Encoder() {
 }
 
 uint32_t X264Encoder::codePicture(Forced forced) {
-    input.i_type = forced == Forced::Idr ? X264_TYPE_IDR : forced == Forced::Intra ? X264_TYPE_I : X264_TYPE_AUTO;
+    input.i_type = libraryPictureType(forced);
     input.i_pts = nextPts++;
     x264_picture_t encoded;
     x264_nal_t* nals = nullptr;
