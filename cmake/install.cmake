@@ -33,7 +33,7 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/zo_qrv64.pc.in ${CMAKE_BINARY_DIR}/zo_q
 install(FILES ${CMAKE_BINARY_DIR}/zo_qrv64.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # The package's dependencies come from the installed binaries (dpkg-shlibdeps): libde265 and
-# the C/C++ runtimes. The CUDA runtime is linked in; the driver, libx265 and libavcodec
+# the C/C++ runtimes. The CUDA runtime is linked in; the driver, libx265, libx264 and libavcodec
 # (software H.264 decoding) are loaded when present, so none is a dependency.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zo-qrv64)
@@ -47,7 +47,7 @@ set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/package)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "zo_qrv64 developers")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libx265-199, libavcodec59")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libx265-199, libx264-164, libavcodec59")
 set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_SOURCE_DIR}/LICENSE)
 # One package per group: the library's (zo-qrv64) and, where the module is built for Debian's own
 # interpreter, python3-zoqrv for it, in /usr/lib/python3/dist-packages. The module's runtime needs

@@ -12,7 +12,7 @@ build=$(realpath "${1:-build}")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
-export ZOQRV_ENCODER=x265
+export ZOQRV_ENCODER=software
 
 fail() { echo "check-install: $*" >&2; exit 1; }
 
@@ -64,8 +64,8 @@ done
 ! grep -Eq '\.a$|/test_|/bench_|python' "$work/files" || fail "$(basename "$deb") carries internal files"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "package $(basename "$deb"): Depends: $depends"
-! grep -Eiq 'x265|avcodec|avutil|cuda|nvidia' <<<"$depends" ||
-  fail "the driver, CUDA, libx265 and libavcodec must not be dependencies"
+! grep -Eiq 'x265|x264|avcodec|avutil|cuda|nvidia' <<<"$depends" ||
+  fail "the driver, CUDA, libx265, libx264 and libavcodec must not be dependencies"
 dpkg-deb -x "$deb" "$work/root"
 binaries=("$work/root/usr/bin/zoqrv" "$work/root/usr/lib/$multiarch/libzo_qrv64.so.1")
 python=$(sed -n 's/^Python3_EXECUTABLE:[A-Z]*=//p' "$build/CMakeCache.txt")
