@@ -43,7 +43,7 @@ protected:
     // made for a data format or size that cannot be packed: planeBytes() is then 0.
     SoftwareEncoder(uint32_t dataFormat, uint32_t width, uint32_t height, uint32_t minimumSize);
 
-    // Codes the I420 picture at planes(), adding its NAL units with appendUnit, and returns the
+    // Codes the I420 picture at plane(0..2), adding its NAL units with appendUnit, and returns the
     // picture type by NVENC's numbering. Throws Exception when the library refuses it.
     virtual uint32_t codePicture(Forced forced) = 0;
     // Throws Exception("Encode output buffer overflow") when the unit would pass the cap.
