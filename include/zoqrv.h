@@ -137,7 +137,8 @@ ZOQRV_API zoqrv_status zoqrv_writer_get_info(const zoqrv_writer* writer, zoqrv_w
 /* Text of the writer's last failure; "" when none. Valid until the next call on the writer. */
 ZOQRV_API const char* zoqrv_writer_error(const zoqrv_writer* writer);
 
-/* Writes the sample index and closes the file; the writer is freed whatever the status.
+/* Writes the sample index and closes the file; the writer is freed whatever the status, and a
+ * failure's text is read with zoqrv_last_error.
  * A recording whose close failed is still read, as an unclosed recording. */
 ZOQRV_API zoqrv_status zoqrv_writer_close(zoqrv_writer* writer);
 
@@ -208,7 +209,8 @@ ZOQRV_API void zoqrv_reader_close(zoqrv_reader* reader);
 
 /* ---- Library ----------------------------------------------------------------------- */
 
-/* Text of the last failed zoqrv_writer_open or zoqrv_reader_open on the calling thread. */
+/* Text of the last failed zoqrv_writer_open, zoqrv_reader_open or zoqrv_writer_close on the calling
+ * thread. */
 ZOQRV_API const char* zoqrv_last_error(void);
 
 /* The status's name, such as "ZOQRV_ERROR_DAMAGED". */

@@ -21,7 +21,7 @@
 #include "container/qrv_file.h"
 #include "container/qrv_recovery.h"
 #include "kernels/packing.h"
-#include "recording_header.h"
+#include "recording/recording_header.h"
 #include "zo_qrv64.h"
 
 namespace py = pybind11;

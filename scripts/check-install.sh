@@ -20,7 +20,7 @@ cmake --build "$build" -j"$(nproc)"  # nothing to do after scripts/test.sh
 cmake --install "$build" --prefix "$prefix" >/dev/null
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 libdir=$prefix/lib/$multiarch  # Debian's loader and pkg-config search it under /usr/local too
-for path in "$libdir/libzo_qrv64.so" "$prefix/include/zo_qrv64.h" "$prefix/bin/zoqrv" \
+for path in "$libdir/libzo_qrv64.so" "$prefix/include/zo_qrv64.h" "$prefix/include/zoqrv.h" "$prefix/bin/zoqrv" \
             "$libdir/cmake/zo_qrv64/zo_qrv64Config.cmake" "$libdir/pkgconfig/zo_qrv64.pc"; do
   [ -e "$path" ] || fail "not installed: ${path#"$prefix"/}"
 done
@@ -30,12 +30,15 @@ readelf -d "$libdir/libzo_qrv64.so.1" | grep -q 'SONAME.*\[libzo_qrv64\.so\.1\]'
 # Exactly the C interface is exported, and the NVIDIA driver and CUDA runtime are no link-time
 # dependency: the library loads on a machine without them.
 exports=$(nm -D --defined-only "$libdir/libzo_qrv64.so.1" | awk '{print $3}' | cut -d@ -f1 | LC_ALL=C sort | xargs)
-[ "$exports" = "NvOptimusEnablementCuda $(grep -o 'ZOHW_[A-Za-z_]*(' include/zo_qrv64.h | tr -d '(' | LC_ALL=C sort -u | xargs)" ] ||
-  fail "exports are not exactly the C interface: $exports"
-[ "$(wc -w <<<"$exports")" = 19 ] || fail "not 18 ZOHW_ functions and NvOptimusEnablementCuda: $exports"
-# The installed header compiles on its own as C and as C++.
+# Exactly the functions of the two public headers, and the hybrid-graphics flag.
+declared=$(grep -ho '\b\(ZOHW_\|zoqrv_\)[a-z_A-Z]*(' include/zo_qrv64.h include/zoqrv.h | tr -d '(' | LC_ALL=C sort -u | xargs)
+[ "$exports" = "$(tr " " "\n" <<<"NvOptimusEnablementCuda $declared" | LC_ALL=C sort | xargs)" ] ||
+  fail "exports are not exactly the two C interfaces: $exports"
+[ "$(grep -o 'ZOHW_' <<<"$exports" | wc -l)" = 18 ] || fail "not 18 ZOHW_ functions: $exports"
 cc -std=c99 -pedantic -Wall -Werror -fsyntax-only -x c "$prefix/include/zo_qrv64.h"
 c++ -std=c++11 -pedantic -Wall -Werror -fsyntax-only -x c++ "$prefix/include/zo_qrv64.h"
+cc -std=c99 -pedantic -Wall -Werror -fsyntax-only -x c "$prefix/include/zoqrv.h"
+c++ -std=c++11 -pedantic -Wall -Werror -fsyntax-only -x c++ "$prefix/include/zoqrv.h"
 needed=$(readelf -d "$libdir/libzo_qrv64.so.1" | grep NEEDED)
 ! grep -Eq 'libcuda\.so|libnvcuvid|libnvidia-encode|libcudart' <<<"$needed" ||
   fail "the library links the NVIDIA driver or the CUDA runtime: $needed"
@@ -57,7 +60,7 @@ cpack --config "$build/CPackConfig.cmake" >"$work/cpack.log" 2>&1 || { cat "$wor
 [ "$(git status --porcelain --untracked-files=all)" = "$before" ] || fail "cpack wrote into the source tree"
 deb=$(ls "$build"/package/zo-qrv64_*.deb)
 dpkg-deb -c "$deb" | awk '{print $6}' > "$work/files"
-for pattern in "^\./usr/lib/$multiarch/libzo_qrv64\.so\.1\$" '/usr/include/zo_qrv64\.h$' '/usr/bin/zoqrv$' \
+for pattern in "^\./usr/lib/$multiarch/libzo_qrv64\.so\.1\$" '/usr/include/zo_qrv64\.h$' '/usr/include/zoqrv\.h$' '/usr/bin/zoqrv$' \
                "^\./usr/lib/$multiarch/cmake/zo_qrv64/zo_qrv64Config\.cmake\$" "^\./usr/lib/$multiarch/pkgconfig/zo_qrv64\.pc\$"; do
   grep -q "$pattern" "$work/files" || fail "$(basename "$deb") lacks $pattern"
 done

@@ -3,8 +3,12 @@
  * and the exact text; an exception would end this process. Exits 77 (skipped) without libx265. */
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "zo_qrv64.h"
+#include "zoqrv.h"
+
+int writeAndReadThroughTheApi(const char* path, uint32_t decoder);  /* c_recording_host.c */
 
 enum { kWidth = 64, kHeight = 48, kFrames = 4 };
 static int failures;
@@ -35,5 +39,9 @@ int main(void) {
     expect("reading the index", ZOHW_CreateQRVTracker(decoder, file), 0, decoder, "");
     expect("a seek", ZOHW_SetHEVCPositionInFile(decoder, file, kFrames), 1, decoder, "invalid vector<T> subscript");
     ZOHW_Destroy(decoder), ZOHW_Destroy(tiny), ZOHW_Destroy(encoder), fclose(readOnly), fclose(file);
+    char path[] = "/tmp/zoqrv-c-host-XXXXXX";
+    const int descriptor = mkstemp(path);
+    failures += writeAndReadThroughTheApi(path, ZOQRV_DECODER_SOFTWARE);
+    remove(path), close(descriptor);
     return failures != 0;
 }

@@ -14,6 +14,7 @@
 #include "codec/SwEncoder.h"
 #include "codec/X264Encoder.h"
 #include "kernels/packing.h"
+#include "container/qrv_scan.h"
 #include "support.h"
 #include "../bench/realistic_frames.h"
 
@@ -165,7 +166,7 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
         }
         kill(recorder, SIGKILL), waitpid(recorder, nullptr, 0), close(input[1]);
         const Bytes bytes = readFile(qrv);
-        size_t records = 0, end = 24;  // after the recording header
+        size_t records = 0, end = kRecordingHeader2Bytes;  // after the recording header
         for (uint32_t payload = 0; end + 20 <= bytes.size() && (memcpy(&payload, &bytes[end + 16], 4), end + 20 + payload + 264 <= bytes.size());)
             end += 20 + payload + 264, ++records;
         ASSERT_GT(records, 0u) << "the recorder flushed no record";
@@ -190,7 +191,7 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
             EXPECT_EQ(std::make_tuple(number, time, metadata[0], data), std::make_tuple(i + 1, 125000u * i, i, frameData(r, i)));
         }
         Bytes damaged = readFile(closed);
-        damaged[24 + 20 + 10] ^= 1;  // in record 0's payload
+        damaged[kRecordingHeader2Bytes + 20 + 10] ^= 1;  // in record 0's payload
         fwrite(damaged.data(), 1, damaged.size(), TestFile(fopen(closed.c_str(), "wb")).get());
         out.clear();
         EXPECT_EQ(runCommand(zoqrv + "verify " + closed, &out), 1);

@@ -10,21 +10,8 @@
 
 namespace {
 
-const char kUnknownChoice[] = "ZOQRV_ENCODER must be nvenc, auto, software, x264 or x265";
 constexpr uint32_t kH264 = 0, kHevc = 1;
-
-enum class Choice { Nvenc, Auto, Software, Unknown };
-
-Choice readChoice() {
-    const char* value = std::getenv("ZOQRV_ENCODER");
-    if (!value || !*value || std::strcmp(value, "nvenc") == 0) return Choice::Nvenc;
-    if (std::strcmp(value, "auto") == 0) return Choice::Auto;
-    // The names of the two libraries stay for scripts that know them; each means the software
-    // encoder of the pipe's codec, as "software" does.
-    for (const char* software : {"software", "x264", "x265"})
-        if (std::strcmp(value, software) == 0) return Choice::Software;
-    return Choice::Unknown;
-}
+using Choice = EncoderChoice;
 
 template <class Made>
 std::unique_ptr<Encoder> readyOrNull(uint32_t dataFormat, uint32_t codec, uint32_t lossless, uint64_t bitrate,
@@ -36,12 +23,32 @@ std::unique_ptr<Encoder> readyOrNull(uint32_t dataFormat, uint32_t codec, uint32
 
 }  // namespace
 
+const char kUnknownEncoderChoice[] = "ZOQRV_ENCODER must be nvenc, auto, software, x264 or x265";
+
+EncoderChoice environmentEncoderChoice(EncoderChoice unset) {
+    const char* value = std::getenv("ZOQRV_ENCODER");
+    if (!value || !*value) return unset;
+    if (std::strcmp(value, "nvenc") == 0) return Choice::Nvenc;
+    if (std::strcmp(value, "auto") == 0) return Choice::Auto;
+    // The names of the two libraries stay for scripts that know them; each means the software
+    // encoder of the pipe's codec, as "software" does.
+    for (const char* software : {"software", "x264", "x265"})
+        if (std::strcmp(value, software) == 0) return Choice::Software;
+    return Choice::Unknown;
+}
+
 std::unique_ptr<Encoder> createChosenEncoder(uint32_t dataFormat, uint32_t codec, uint32_t lossless,
                                              uint64_t bitrate, uint32_t width, uint32_t height,
                                              uint32_t frameRate, const char** failure) {
-    const Choice choice = readChoice();
+    return createEncoder(environmentEncoderChoice(Choice::Nvenc), dataFormat, codec, lossless, bitrate, width, height,
+                         frameRate, failure);
+}
+
+std::unique_ptr<Encoder> createEncoder(EncoderChoice choice, uint32_t dataFormat, uint32_t codec, uint32_t lossless,
+                                       uint64_t bitrate, uint32_t width, uint32_t height, uint32_t frameRate,
+                                       const char** failure) {
     if (choice == Choice::Unknown) {
-        *failure = kUnknownChoice;
+        *failure = kUnknownEncoderChoice;
         return nullptr;
     }
     if (choice != Choice::Software) {
@@ -60,8 +67,15 @@ std::unique_ptr<Encoder> createChosenEncoder(uint32_t dataFormat, uint32_t codec
     return software;
 }
 
-uint32_t defaultRecordingCodec() {
-    if (readChoice() == Choice::Software) return kH264;
+uint32_t defaultRecordingCodec() { return defaultRecordingCodec(environmentEncoderChoice(Choice::Nvenc)); }
+
+const char* encoderName(const Encoder& encoder) {
+    if (dynamic_cast<const HwEncoder*>(&encoder)) return "NVENC";
+    return dynamic_cast<const X264Encoder*>(&encoder) ? "libx264" : "libx265";
+}
+
+uint32_t defaultRecordingCodec(EncoderChoice choice) {
+    if (choice == Choice::Software) return kH264;
     // A small lossy HEVC session, which every NVENC that encodes HEVC takes.
     constexpr uint32_t kUint8 = 3;
     return readyOrNull<HwEncoder>(kUint8, kHevc, 0, 1000000, 256, 256, 30) ? kHevc : kH264;

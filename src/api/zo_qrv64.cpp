@@ -36,12 +36,11 @@ const char kEncoderUnsupported[] = "unsupported hardware or codec for encoding";
 const char kBadMetadata[] = "Metadata word count must be 0 to 64, with a non-null pointer above 0";
 // Stands in for a text that cannot be kept for want of memory.
 const char kOutOfMemory[] = "Out of memory";
-const char kUnknownException[] = "Unknown exception";
 
 // Room that every pipe's error text has from the start: the longest fixed text that a call sets,
 // so that reporting a failure (running out of memory included) never needs memory.
 constexpr size_t kFixedTextRoom = std::max({sizeof kNoEncoder, sizeof kNoDecoder, sizeof kBadMetadata,
-                                            sizeof kOutOfMemory, sizeof kUnknownException});
+                                            sizeof kOutOfMemory, sizeof kUnknownExceptionText});
 
 // A pipe whose error text already has that room; null when memory is short.
 std::unique_ptr<ZoHwPipe> newPipe() {
@@ -103,16 +102,7 @@ void reportFailure(ZoHwPipe* pipe, const char* text) noexcept {
 // are those that hosts used to read from the exceptions.
 template <class Result, class Call>
 Result guarded(ZoHwPipe* pipe, Result failure, Call call) noexcept {
-    try {
-        return call();
-    } catch (const Exception& e) {
-        reportFailure(pipe, e.message().c_str());
-    } catch (const std::exception& e) {
-        reportFailure(pipe, e.what());
-    } catch (...) {
-        reportFailure(pipe, kUnknownException);
-    }
-    return failure;
+    return catchEverything(failure, call, [pipe](const char* text) { reportFailure(pipe, text); });
 }
 
 // A failed write of the file, with the C library's text for its errno:
@@ -152,20 +142,6 @@ DecodeMode decodeMode(const ZoHwPipe& pipe) {
     if (pipe.hwDecoder && pipe.hwDecoder->isReady()) return DecodeMode::Hardware;
     if (pipe.swDecoder && pipe.swDecoder->isReady()) return DecodeMode::Software;
     return DecodeMode::None;
-}
-
-// A frame that failed, or was encoded and not stored, must not stay a reference for the frames
-// after it: the encoder makes the next one an IDR. Exceptions go on to guarded().
-template <class Call>
-uint32_t restartStreamOnFailure(Encoder& encoder, Call call) {
-    try {
-        const uint32_t result = call();
-        if (result != kOk) encoder.requestKeyFrame();
-        return result;
-    } catch (...) {
-        encoder.requestKeyFrame();
-        throw;
-    }
 }
 
 bool lookUpSampleInfo(const ZoHwPipe& pipe, int32_t sample, QrvSampleInfo& info) {
@@ -239,10 +215,10 @@ ZOHW_API uint32_t ZOHW_Encode(ZoHwPipe* pipe, uint64_t* outSize, const void* fra
                               uint64_t framePitch, void* outBitstream) {
     return guarded(pipe, kFailed, [&] {
         if (!isEncoderPipe(pipe)) return kFailed;
-        return restartStreamOnFailure(*pipe->encoder, [&] {
+        return pipe->encoder->keyFrameAfterFailure([&] {
             uint32_t pictureType = 0;
             *outSize = pipe->encoder->encode(frame, framePitch, pipe->width, pipe->height, &pictureType, false);
-            if (*outSize == 0) return kFailed;
+            if (*outSize == 0) return false;
             // Hosts give room for w × h × 4 bytes, the cap this call always had. A frame above it
             // (16- and 32-bit data may take up to maxAccessUnitBytes) fails rather than overrun
             // their buffer; ZOHW_Encode_And_Store stores such frames.
@@ -251,8 +227,8 @@ ZOHW_API uint32_t ZOHW_Encode(ZoHwPipe* pipe, uint64_t* outSize, const void* fra
                 throw Exception("Encode output buffer overflow");
             }
             std::memcpy(outBitstream, pipe->encoder->outputBuffer(), *outSize);
-            return kOk;
-        });
+            return true;
+        }) ? kOk : kFailed;
     });
 }
 
@@ -267,16 +243,10 @@ ZOHW_API uint32_t ZOHW_Encode_And_Store(ZoHwPipe* pipe, FILE* stream, uint64_t* 
         reportFailure(pipe, kBadMetadata);
         return kFailed;
     }
-    // Every failure of the encode or of the store ends here.
-    return guarded(pipe, kFailed, [&] { return restartStreamOnFailure(*pipe->encoder, [&] {
-        Encoder& encoder = *pipe->encoder;
-        uint32_t frameType = 0;
-        *outSize = encoder.encode(frame, framePitch, pipe->width, pipe->height, &frameType, false);
-        if (*outSize == 0) return kFailed;
-        const int error = encoder.storeRecord(stream, *outSize, frameType, timestamp, metadata, metadataWords);
-        if (error != 0) throwWriteError(error, "Cannot write the frame record");
-        return kOk;
-    }); });
+    return guarded(pipe, kFailed, [&] {
+        return pipe->encoder->encodeAndStore(stream, frame, framePitch, pipe->width, pipe->height, timestamp,
+                                             metadata, metadataWords, outSize) ? kOk : kFailed;
+    });
 }
 
 ZOHW_API uint32_t ZOHW_Decode(ZoHwPipe* pipe, const void* bitstream, uint64_t size,

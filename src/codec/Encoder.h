@@ -64,6 +64,25 @@ public:
         if (error != 0) index.pop_back();
         return error;
     }
+    // Runs `call` (an encode, or an encode and its store), which returns whether the frame went
+    // through; after a failure, or an exception (which goes on), the next frame is a key frame.
+    template <class Call>
+    bool keyFrameAfterFailure(Call call) {
+        try {
+            const bool done = call();
+            if (!done) requestKeyFrame();
+            return done;
+        } catch (...) {
+            requestKeyFrame();
+            throw;
+        }
+    }
+    // Encodes one width × height frame and stores it as a record (storeRecord); *bytes is its
+    // payload's size. False when the encoder gave nothing; the encoder's Exception, and
+    // std::system_error "Cannot write the frame record: <the system's text>" for a failed write,
+    // go on. After any failure the next frame is a key frame.
+    bool encodeAndStore(FILE* stream, const void* data, uint64_t pitch, uint32_t width, uint32_t height,
+                        uint64_t timestamp, const uint32_t* metadata, int32_t metadataWords, uint64_t* bytes);
     uint32_t storedRecords() const { return uint32_t(index.size()); }
     // Returns 0 or the errno of a failed write.
     int writeIndex(FILE* stream) const { return qrvWriteIndex(stream, index, storedRecords()); }

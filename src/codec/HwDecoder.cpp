@@ -132,13 +132,9 @@ uint32_t HwDecoder::decodeOnCpu(const uint8_t* sample, uint64_t sampleBytes, voi
     DecodedPicture picture;
     if (!cpuDecoder->decode(sample, uint32_t(sampleBytes), picture)) return 0;
     const uint32_t bytes = packing::packedSize(dataFormat, width, height);
+    cpuOut.resize(bytes);
     // As on the GPU, a pipe larger than the picture gets nothing.
-    if (!picture.planar420 || frameWidth > picture.width || height > picture.height || bytes == 0) return 0;
-    cpuFrame.resize(packing::nv12Bytes(frameWidth, height));
-    packing::nv12FromPlanes(picture.planes, picture.strides, frameWidth, height, cpuFrame.data());
-    // Zeroed first: the bytes the unpacking leaves (4-bit data of odd width) are 0, as on the GPU.
-    cpuOut.assign(bytes, 0);
-    packing::unpackOnHost(dataFormat, cpuFrame.data(), packing::nv12Pitch(frameWidth), cpuOut.data(), width, height);
+    if (!unpackDecodedPicture(picture, dataFormat, width, height, cpuFrame, cpuOut.data())) return 0;
     const device::Api& api = device::api();
     if (api.isDevicePointer(out)) {
         // Copied in our context, as the GPU path writes.

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "container/annexb.h"
 
@@ -50,3 +51,14 @@ std::unique_ptr<PictureDecoder> makeLibde265Decoder(uint64_t maxPixels);
 
 // Why a decoder for this codec cannot be made ready on this machine (a missing library), or null.
 const char* pictureDecoderMissingText(uint32_t codec);
+
+// The caller's width × height data of `dataFormat` carried by a decoded picture (of the packing's
+// picture width): its NV12 picture, made in `nv12`, unpacked by the packing kernels' CPU twins
+// into `out` (packing::packedSize bytes, tight rows; bytes the unpacking leaves are 0), as the GPU
+// unpacks NVDEC's pictures. False when the picture is smaller or not 8-bit 4:2:0.
+bool unpackDecodedPicture(const DecodedPicture& picture, uint32_t dataFormat, uint32_t width, uint32_t height,
+                          std::vector<uint8_t>& nv12, uint8_t* out);
+
+// The largest payload that a record of a width × height picture may hold: twice the raw NV12
+// picture (the encoders' cap), and for H.264 at least 4 bytes a pixel.
+uint64_t recordPayloadLimit(uint32_t pictureWidth, uint32_t pictureHeight, uint32_t codec);

@@ -9,14 +9,6 @@
 
 namespace {
 
-// Deliberate departure: a record's payload may take twice the raw NV12 picture (the encoders'
-// cap on one frame), not 1.5 bytes a pixel; H.264 at least 4 bytes a pixel, as lossless H.264 of
-// noisy data takes more than its raw size (x264 codes no PCM macroblocks). The buffer grows to
-// the payloads read, never beyond the file's size.
-uint64_t recordPayloadLimit(uint32_t width, uint32_t height, uint32_t codec) {
-    return std::max(packing::maxAccessUnitBytes(width, height), codec == 0 ? 4 * uint64_t(width) * height : 0);
-}
-
 // Writes the top-left w x h of an 8-bit 4:2:0 picture as packed YUYV 4:2:2, 2 * w bytes a
 // row; each chroma row serves two output rows. Rows are addressed with the strides that the
 // decoder reports, since it pads its planes. False when the picture is smaller than w x h or
@@ -57,6 +49,25 @@ bool writeYuyv(const DecodedPicture& picture, uint8_t* out, uint32_t w, uint32_t
 }
 
 }  // namespace
+
+// Deliberate departure: a record's payload may take twice the raw NV12 picture (the encoders'
+// cap on one frame), not 1.5 bytes a pixel; H.264 at least 4 bytes a pixel, as lossless H.264 of
+// noisy data takes more than its raw size (x264 codes no PCM macroblocks). The buffer grows to
+// the payloads read, never beyond the file's size.
+uint64_t recordPayloadLimit(uint32_t width, uint32_t height, uint32_t codec) {
+    return std::max(packing::maxAccessUnitBytes(width, height), codec == 0 ? 4 * uint64_t(width) * height : 0);
+}
+
+bool unpackDecodedPicture(const DecodedPicture& picture, uint32_t dataFormat, uint32_t width, uint32_t height,
+                          std::vector<uint8_t>& nv12, uint8_t* out) {
+    const uint32_t frameWidth = packing::pictureWidth(dataFormat, width);
+    const uint32_t bytes = packing::packedSize(dataFormat, width, height);
+    if (!picture.planar420 || frameWidth > picture.width || height > picture.height || bytes == 0) return false;
+    nv12.resize(packing::nv12Bytes(frameWidth, height));
+    packing::nv12FromPlanes(picture.planes, picture.strides, frameWidth, height, nv12.data());
+    std::memset(out, 0, bytes);
+    return packing::unpackOnHost(dataFormat, nv12.data(), packing::nv12Pitch(frameWidth), out, width, height);
+}
 
 SwDecoder::SwDecoder(uint32_t w, uint32_t h, uint32_t reserved, uint32_t codec)
     : payloadLimit(recordPayloadLimit(w, h, codec)), width(w), height(h), swReserved(reserved),

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "container/file_ranges.h"
 
@@ -95,10 +96,12 @@ bool startsChain(const ScanWindow& window, const uint8_t* raw, uint64_t offset) 
 
 // The offset of the first record, or UINT64_MAX.
 uint64_t findFirstRecord(ScanWindow& window) {
-    uint8_t probe[kRecordingHeaderBytes + kProbeBytes];
-    if (window.copy(0, probe, sizeof probe) && word(probe) == kRecordingHeaderMagic &&
-        startsChain(window, probe + kRecordingHeaderBytes, kRecordingHeaderBytes))
-        return kRecordingHeaderBytes;
+    uint8_t probe[kRecordingHeader2Bytes + kProbeBytes];
+    for (const auto& [magic, headerBytes] : {std::pair{kRecordingHeaderMagic, kRecordingHeaderBytes},
+                                             std::pair{kRecordingHeader2Magic, kRecordingHeader2Bytes}})
+        if (window.copy(0, probe, headerBytes + kProbeBytes) && word(probe) == magic &&
+            startsChain(window, probe + headerBytes, headerBytes))
+            return headerBytes;
     // Candidates are the places that hold frame number 1 (01 00 00 00); memchr finds their
     // first bytes at the speed of memory, so a file of zeros costs little more than its reading.
     size_t available = 0;

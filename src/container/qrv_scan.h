@@ -7,8 +7,8 @@
 //   code (0-7, or 255 unknown), payloadBytes at least 4 with the payload beginning with an
 //   Annex-B start code (00 00 01 or 00 00 00 01), and head, payload and the 264-byte sample
 //   info within the file.
-// The first record follows the 24-byte header of `zoqrv record` when the file starts with its
-// magic word and a plausible record stands there; otherwise it is the first offset holding a
+// The first record follows the recording header (24 bytes in version 1, 32 in version 2) when the
+// file starts with its magic word and a plausible record stands there; otherwise it is the first offset holding a
 // plausible record with frame number 1 whose successor, if complete, is plausible too. From
 // there records are taken back to back until one is torn or not plausible.
 #pragma once
@@ -20,10 +20,13 @@
 
 class FileBytes;
 
-// The header that `zoqrv record` writes ahead of the first record (docs/recording-header.md):
-// six u32 words, the first "ZQRH".
+// The headers that this library's recorders write ahead of the first record
+// (docs/recording-header.md): version 1, six u32 words, the first "ZQRH"; version 2, eight, the
+// first "ZQR2".
 constexpr uint32_t kRecordingHeaderMagic = 0x4852515A;
 constexpr uint64_t kRecordingHeaderBytes = 24;
+constexpr uint32_t kRecordingHeader2Magic = 0x3252515A;
+constexpr uint64_t kRecordingHeader2Bytes = 32;
 
 struct QrvRecordScan {
     std::vector<QrvIndexEntry> index;  // the complete records, in file order (reserved words 0)

@@ -62,7 +62,7 @@ def test_unclosed_recording_and_verify(tmp_path):
     whole = (tmp_path / "ok.qrv").read_bytes()
     assert (closed := zoqrv.open(str(tmp_path / "ok.qrv"))).closed and closed.verify() == []
     cut = tmp_path / "cut.qrv"
-    at = 24  # after the recording header; each record: head, payload, sample info
+    at = 32  # after the recording header (version 2); each record: head, payload, sample info
     for _ in range(6): at += 20 + int.from_bytes(whole[at + 16:at + 20], "little") + 264
     cut.write_bytes(whole[:at + 30])
     with pytest.warns(RuntimeWarning, match="not closed"):

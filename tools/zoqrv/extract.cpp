@@ -19,7 +19,7 @@
 #include "container/annexb.h"
 #include "container/qrv_file.h"
 #include "kernels/packing.h"
-#include "recording_header.h"
+#include "recording/recording_header.h"
 #include "zo_qrv64.h"
 
 namespace {

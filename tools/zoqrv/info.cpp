@@ -7,7 +7,7 @@
 #include "container/annexb.h"
 #include "container/file_ranges.h"
 #include "container/qrv_file.h"
-#include "recording_header.h"
+#include "recording/recording_header.h"
 
 namespace {
 

@@ -25,7 +25,7 @@
 #include "codec/SwEncoder.h"
 #include "commands.h"
 #include "kernels/packing.h"
-#include "recording_header.h"
+#include "recording/recording_header.h"
 #include "zo_qrv64.h"
 
 namespace {
