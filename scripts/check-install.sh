@@ -3,7 +3,8 @@
 # checks what was installed and what the library exports and links, builds the consumer program with find_package and with
 # pkg-config and runs both (recording with libx265), makes the packages (into the build tree) and
 # checks their files, folders, stripping and dependencies, and, where the tree built the Python
-# module, checks where its component installs and runs its tests on the packaged module.
+# module, checks where its component installs and runs its tests on the packaged module; then
+# pip-installs the module against the installed library in a fresh venv and runs them again.
 #
 #   scripts/check-install.sh [BUILD_DIR]    (default: build)
 set -euo pipefail
@@ -113,4 +114,10 @@ if [ -d "$build/python" ]; then
   [ -z "${python_deb:-}" ] || PYTHONPATH=$work/root/usr/lib/python3/dist-packages LD_LIBRARY_PATH=$work/root/usr/lib/$multiarch \
     /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/python
 fi
-echo "check-install: the install, both consumers, the package and the Python module work"
+# pip, offline, into a fresh venv that sees Debian's numpy and pybind11: the module alone,
+# built against the library installed above.
+/usr/bin/python3 -m venv --system-site-packages "$work/venv"
+PKG_CONFIG_PATH=$libdir/pkgconfig "$work/venv/bin/pip" install -q --no-index --no-build-isolation . >"$work/pip.log" 2>&1 ||
+  { cat "$work/pip.log"; fail "pip install . failed"; }
+"$work/venv/bin/python" -m pytest -q -p no:cacheprovider tests/python
+echo "check-install: the install, both consumers, the packages, the Python module and pip install work"
