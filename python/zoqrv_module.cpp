@@ -255,7 +255,7 @@ class Recorder {
 public:
     Recorder(const std::string& path, const std::string& kindName, Size size, uint32_t fps,
              std::optional<bool> lossless, uint64_t bitrate, const std::string& codecName, bool overwrite,
-             uint32_t timeUnit)
+             uint32_t timeUnit, const std::string& encoderName)
         : kind(kindCode(kindName)), width(size.first), height(size.second) {
         zoqrv_writer_options options;
         zoqrv_writer_options_init(&options, kind, width, height, fps);
@@ -265,6 +265,9 @@ public:
         options.bitrate = options.lossless ? 0 : bitrate;
         options.overwrite = overwrite;
         options.time_unit_ns = timeUnit;
+        options.encoder = choice<uint32_t>("encoder", encoderName, {{"environment", ZOQRV_ENCODER_FROM_ENVIRONMENT},
+                                           {"auto", ZOQRV_ENCODER_AUTO}, {"nvenc", ZOQRV_ENCODER_NVENC},
+                                           {"software", ZOQRV_ENCODER_SOFTWARE}});
         zoqrv_status status;
         {
             py::gil_scoped_release unlocked;
@@ -380,10 +383,10 @@ PYBIND11_MODULE(zoqrv, m) {
 
     py::class_<Recorder>(m, "Recorder")
         .def(py::init<const std::string&, const std::string&, Size, uint32_t, std::optional<bool>, uint64_t,
-                      const std::string&, bool, uint32_t>(),
+                      const std::string&, bool, uint32_t, const std::string&>(),
              py::arg("path"), py::arg("kind"), py::arg("size"), py::arg("fps"), py::arg("lossless") = py::none(),
              py::arg("bitrate") = 8000000, py::arg("codec") = "default", py::arg("overwrite") = false,
-             py::arg("time_unit_ns") = ZOQRV_MICROSECONDS)
+             py::arg("time_unit_ns") = ZOQRV_MICROSECONDS, py::arg("encoder") = "environment")
         .def("write", &Recorder::write, py::arg("frame"), py::arg("timestamp"), py::arg("metadata") = py::none())
         .def("close", &Recorder::close)
         .def_property_readonly("frames_not_stored", &Recorder::framesNotStored)
