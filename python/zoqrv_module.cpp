@@ -63,12 +63,13 @@ Code choice(const std::string& what, const std::string& name, const std::pair<co
     }
 }
 
-// The numpy form of one frame: H × W × 4 bytes for bgra, H × W × 2 for uyvy, H rows of packed
-// 4-bit pairs for u4, H × W samples of the data's width otherwise; `count` frames stack ahead.
+// The numpy form of one frame: H × W × 4 bytes for bgra, H × W × 2 for uyvy, H rows of W / 2
+// bytes of packed 4-bit pairs for u4 (as the library takes them), H × W samples of the data's
+// width otherwise; `count` frames stack ahead.
 py::array emptyFrames(uint32_t kind, uint32_t width, uint32_t height, std::optional<py::ssize_t> count = {}) {
     std::vector<py::ssize_t> shape{py::ssize_t(height), py::ssize_t(width)};
     if (kind == ZOQRV_KIND_BGRA || kind == ZOQRV_KIND_UYVY) shape.push_back(kind == ZOQRV_KIND_BGRA ? 4 : 2);
-    if (kind == ZOQRV_KIND_U4) shape[1] = (py::ssize_t(width) + 1) / 2;
+    if (kind == ZOQRV_KIND_U4) shape[1] = py::ssize_t(width) / 2;
     if (count) shape.insert(shape.begin(), *count);
     switch (kind) {
     case ZOQRV_KIND_U16: return py::array_t<uint16_t>(shape);
@@ -257,6 +258,8 @@ public:
              std::optional<bool> lossless, uint64_t bitrate, const std::string& codecName, bool overwrite,
              uint32_t timeUnit, const std::string& encoderName)
         : kind(kindCode(kindName)), width(size.first), height(size.second) {
+        // The library carries whole bytes of 4-bit pairs: the last sample of an odd row would be lost.
+        if (kind == ZOQRV_KIND_U4 && width % 2 != 0) throw py::value_error("u4 frames are an even number of samples wide");
         zoqrv_writer_options options;
         zoqrv_writer_options_init(&options, kind, width, height, fps);
         options.codec = choice<int32_t>("codec", codecName, {{"default", ZOQRV_CODEC_DEFAULT},

@@ -76,6 +76,7 @@ def test_round_trip(tmp_path, kind, size, codec):
     (lambda p: zoqrv.Recorder(str(p / "n.qrv"), "u16", (16, 16), 8, codec="vp9"), ValueError, "unknown codec"),
     (lambda p: zoqrv.Recorder(str(p / "n.qrv"), "u16", (16, 16), 8, encoder="x"), ValueError, "unknown encoder"),
     (lambda p: zoqrv.Recorder(str(p / "n.qrv"), "u16", (0, 16), 8), ValueError, ""),
+    (lambda p: zoqrv.Recorder(str(p / "n.qrv"), "u4", (33, 16), 8), ValueError, "even"),
     (lambda p: zoqrv.Recorder(str(p / "n.qrv"), "u16", (16, 16), 8).write(np.zeros((16, 16), np.uint8), 0),
      ValueError, r"uint16 array of shape \(16, 16\)"),
 ])
