@@ -98,7 +98,7 @@ typedef struct zoqrv_writer_options {
     uint32_t frame_rate;    /* frames per second, 1 to 1000 */
     int32_t codec;          /* zoqrv_codec */
     uint32_t lossless;      /* 1: every sample comes back exactly; 0: lossy at `bitrate` */
-    uint64_t bitrate;       /* bits per second of lossy coding; 0: the default for the size */
+    uint64_t bitrate;       /* bits per second of lossy coding; 0: 8000000 */
     uint32_t encoder;       /* zoqrv_encoder */
     uint32_t overwrite;     /* 1: replace an existing file; 0: refuse it */
     uint32_t time_unit_ns;  /* nanoseconds per timestamp tick, written into the header */

@@ -110,11 +110,13 @@ void Reader::frameInfo(uint64_t index, zoqrv_frame_info& info) const {
     std::memcpy(info.metadata, tables.sampleInfos[index].metadata, sizeof info.metadata);
 }
 
-// The nearest record at or before `index` that the index calls a key frame (the first record
-// when none is); whether it really starts a chain is read from its payload when it is decoded.
+// Where decoding frame `index` starts: the nearest record at or before it that the index calls a
+// key frame (the first record when none is; whether it really starts a chain is read from its
+// payload), or, when the decoder already holds the frames from there up to a later one, that one.
 uint64_t Reader::chainStart(uint64_t index) const {
-    if (chainEnd >= 0 && uint64_t(chainEnd) == index) return index;
-    return uint64_t(qrvKeyFrameAtOrBefore(tables.frameList, int32_t(index)));
+    const uint64_t key = uint64_t(qrvKeyFrameAtOrBefore(tables.frameList, int32_t(index)));
+    if (chainEnd >= 0 && uint64_t(chainEnd) > key && uint64_t(chainEnd) <= index) return uint64_t(chainEnd);
+    return key;
 }
 
 void Reader::decodeRecord(uint64_t record, uint64_t index, bool unpack) {
@@ -150,7 +152,7 @@ void Reader::decodeRecord(uint64_t record, uint64_t index, bool unpack) {
 }
 
 void Reader::decodeRecords(uint64_t first, uint64_t index) {
-    chainEnd = first == index ? chainEnd : -1;
+    if (int64_t(first) != chainEnd) chainEnd = -1;
     try {
         for (uint64_t record = first; record <= index; ++record) decodeRecord(record, index, record == index);
     } catch (...) {
