@@ -18,6 +18,7 @@ def pkg_config(*options):
                          "or set PKG_CONFIG_PATH to its lib/<arch>/pkgconfig") from failure
 
 
+os.makedirs("build-pip", exist_ok=True)  # egg_info wants its folder to exist
 cflags, libs = pkg_config("--cflags"), pkg_config("--libs")
 library_dirs = [os.path.normpath(f[2:]) for f in libs if f.startswith("-L")]
 setup(
