@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job on a fresh machine: installs what is missing, builds, then records two synthetic
-# sequences through the library's C interface (zoqrv record; NVENC where there is one, libx265
-# elsewhere) and plays them back through the software decoder (zoqrv extract):
+# sequences through the recording API (zoqrv record: HEVC on NVENC where there is one, else
+# H.264 with libx264; it prints which) and plays them back (zoqrv extract: NVDEC where it
+# decodes them, else software):
 #   - 16-bit depth, 640x480, lossless (the default for data kinds): checked to come back bit for bit;
 #   - a colour test picture (BGRA), 640x480, CBR at 4 Mbit/s: its PSNR is printed.
 # The played-back frames are left as PNGs under out/.

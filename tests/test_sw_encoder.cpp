@@ -154,7 +154,7 @@ TEST_F(SwEncoding, KilledRecorderLeavesRecordsThatRecoverReadBackAndVerify) {
         if (recorder == 0) {
             dup2(input[0], 0), close(input[1]);
             execl((zoqrv + "record").substr(0, zoqrv.size() - 1).c_str(), "zoqrv", "record", "--kind", "u8", "--size",
-                  "64x48", "--fps", "8", "--lossless", qrv.c_str(), nullptr);
+                  "64x48", "--fps", "8", "--lossless", "--codec", "hevc", qrv.c_str(), nullptr);
             _exit(127);
         }
         ASSERT_GT(recorder, 0);

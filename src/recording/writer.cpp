@@ -37,6 +37,9 @@ void checkOptions(const zoqrv_writer_options& o) {
         o.height > kMaxPictureSide)
         failWith(ZOQRV_ERROR_ARGUMENT, "size " + std::to_string(o.width) + "x" + std::to_string(o.height) +
                                            " does not fit a picture of at most 8192 x 8192");
+    // A row of 4-bit samples takes width / 2 bytes: an odd width's last sample would be lost.
+    if (o.kind == ZOQRV_KIND_U4 && o.width % 2 != 0)
+        failWith(ZOQRV_ERROR_ARGUMENT, "4-bit frames need an even width, not " + std::to_string(o.width));
     if (o.frame_rate < 1 || o.frame_rate > 1000)
         failWith(ZOQRV_ERROR_ARGUMENT, "frame rate " + std::to_string(o.frame_rate) + " is not 1 to 1000");
     if (o.codec < ZOQRV_CODEC_DEFAULT || o.codec > ZOQRV_CODEC_HEVC)

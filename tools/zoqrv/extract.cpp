@@ -1,8 +1,7 @@
-// zoqrv extract: decodes HEVC records through the library's C interface (on the GPU where one
-// decodes them, else in software, to the same output) and writes each picture as a PNG, with a
-// line per frame. With a data kind (--as, or the file's recording
-// header) it writes the data itself: 16-bit grey PNG for u16, 8-bit grey for u8 and u4 (4-bit
-// samples times 17), raw little-endian .bin for u32, colour PNG for bgra and uyvy; with --raw
+// zoqrv extract: decodes records through the recording API (on NVDEC where it decodes them, else
+// in software, to the same bytes) and writes each frame as a PNG, with a line per frame. With a
+// data kind (--as, or the file's recording header) it writes the data itself: 16-bit grey PNG
+// for u16, 8-bit grey for u8 and u4 (4-bit samples times 17), raw little-endian .bin for u32, colour PNG for bgra and uyvy; with --raw
 // every kind as .bin, in the caller's layout.
 #include <libde265/de265.h>
 #include <png.h>
@@ -20,14 +19,12 @@
 #include "container/qrv_file.h"
 #include "kernels/packing.h"
 #include "recording/recording_header.h"
-#include "zo_qrv64.h"
+#include "zoqrv.h"
 
 namespace {
 
 constexpr const char* kUsage =
     "extract FILE --out DIR [--from S] [--count K] [--as bgra|uyvy|u4|u8|u16|u32] [--raw] [--max-size WxH]";
-constexpr uint32_t kHevc = 1;
-constexpr uint32_t kSoftwareDecoder = 2;
 
 struct PictureSize {
     uint32_t width = 0;
@@ -149,61 +146,8 @@ bool writeData(const std::string& pathStem, uint32_t kind, bool raw, const std::
     }
 }
 
-// One decoded record: its image in the caller's layout and its head.
-struct DecodedRecord {
-    std::vector<uint8_t> data;
-    QrvRecordHead head{};
-};
-
-// Decodes the file's records one after another; false when one does not decode.
-class RecordDecoder {
-public:
-    virtual ~RecordDecoder() = default;
-    virtual bool next(int32_t record, DecodedRecord& decoded) = 0;
-};
-
-// A software pipe walks the file and gives each record's YUYV picture, unpacked here.
-class SoftwareRecords : public RecordDecoder {
-public:
-    SoftwareRecords(ZoHwPipe* pipe, FILE* file, uint32_t kind, uint32_t pictureWidth, uint32_t width, uint32_t height)
-        : pipe_(pipe), file_(file), kind_(kind), pictureWidth_(pictureWidth), width_(width), height_(height),
-          picture_(size_t(pictureWidth) * height * 2) {}
-    bool next(int32_t, DecodedRecord& decoded) override {
-        uint8_t metadata[256];
-        if (ZOHW_DecodeFrameAndMetadata(pipe_, file_, picture_.data(), &decoded.head.frameNumber,
-                                        &decoded.head.captureTime, &decoded.head.frameType, metadata) != 0)
-            return false;
-        decoded.data.assign(packing::packedSize(kind_, width_, height_), 0);
-        return packing::unpackYuyvOnHost(kind_, picture_.data(), pictureWidth_, decoded.data.data(), width_, height_);
-    }
-
-private:
-    ZoHwPipe* pipe_;
-    FILE* file_;
-    uint32_t kind_, pictureWidth_, width_, height_;
-    std::vector<uint8_t> picture_;
-};
-
-// A GPU pipe unpacks the caller's layout itself. Its sequential reading never delivers a file's
-// last record, so the records' payloads are read here and decoded one by one, in order.
-class HardwareRecords : public RecordDecoder {
-public:
-    HardwareRecords(ZoHwPipe* pipe, FILE* file, const QrvSoftwareIndex& tables, uint32_t bytes)
-        : pipe_(pipe), file_(file), tables_(tables), bytes_(bytes) {}
-    bool next(int32_t record, DecodedRecord& decoded) override {
-        uint32_t payloadBytes = 0;
-        decoded.data.assign(bytes_, 0);
-        return qrvReadRecordAt(file_, tables_.frameList[size_t(record)].recordOffset, decoded.head, payloadBytes,
-                               &payload_) &&
-               ZOHW_Decode(pipe_, payload_.data(), payload_.size(), decoded.data.data()) == 0;
-    }
-
-private:
-    ZoHwPipe* pipe_;
-    FILE* file_;
-    const QrvSoftwareIndex& tables_;
-    uint32_t bytes_;
-    std::vector<uint8_t> payload_;
+struct ReaderCloser {
+    void operator()(zoqrv_reader* reader) const { zoqrv_reader_close(reader); }
 };
 
 bool parseCount(const std::string& text, int32_t& value) {
@@ -239,79 +183,69 @@ int runExtract(const Arguments& args) {
     }
     if (input.empty() || outDir.empty()) return usage(kUsage);
 
+    // The data's kind and size come from the recording header. A file without one is described
+    // by --as and the size of its pictures, read from the first key frame's parameter sets;
+    // without --as its pictures are written as they are (UYVY pictures).
+    zoqrv_reader_options options;
+    zoqrv_reader_options_init(&options);
     File file = openFile(input, "rb");
     if (!file) return fail("cannot open " + input);
     QrvSoftwareIndex tables;
     if (!qrvReadSoftwareIndex(file.get(), tables)) return fail(input + ": cannot read the sample index");
-    PictureSize size;
-    switch (probePictureSize(file.get(), tables, maxSize, size)) {
-        case Probe::Found: break;
-        case Probe::NoPicture: return fail(input + ": no HEVC picture in the first key frame");
-        case Probe::TooLarge:
-            return fail(input + ": its pictures are larger than " + std::to_string(maxSize.width) + "x" +
-                        std::to_string(maxSize.height) + " (--max-size)");
-    }
-
-    // The data's kind and size: --as, else the recording header; the picture is then the
-    // one that carries that data. Without either, the picture is written as it is.
     RecordingHeader header;
     const bool described = readRecordingHeader(file.get(), tables, header);
-    uint32_t kind = packing::kUyvy;
     const bool asData = !kindText.empty() || described;
+    uint32_t kind = packing::kUyvy;
     if (!kindText.empty() && !kindFromName(kindText, kind)) return usage(kUsage);
-    if (kindText.empty() && described) kind = header.kind;
-    uint32_t width = size.width, height = size.height;
-    if (described && header.width && header.height) {
-        width = header.width;
-        height = header.height;
-    } else if (asData) {
-        width = size.width / (packing::pictureWidth(kind, 1));
+    if (!described) {
+        PictureSize size;
+        switch (probePictureSize(file.get(), tables, maxSize, size)) {
+            case Probe::Found: break;
+            case Probe::NoPicture: return fail(input + ": no recording header, and no HEVC picture in the first key frame");
+            case Probe::TooLarge:
+                return fail(input + ": its pictures are larger than " + std::to_string(maxSize.width) + "x" +
+                            std::to_string(maxSize.height) + " (--max-size)");
+        }
+        options.kind = kind, options.width = size.width / packing::pictureWidth(kind, 1), options.height = size.height;
+        options.codec = ZOQRV_CODEC_HEVC;
+    } else if (!kindText.empty() && kind != header.kind) {
+        return fail(input + ": --as " + kindText + ", but the recording holds " + kindName(header.kind));
     }
-    if (asData && packing::packedSize(kind, width, height) == 0) return fail(input + ": no data of kind " + kindName(kind) + " in its pictures");
-    const uint32_t pictureWidth = asData ? packing::pictureWidth(kind, width) : size.width;
-    if (pictureWidth > size.width || height > size.height)
-        return fail(input + ": its pictures are smaller than the recorded data");
-    // A GPU pipe is made for the data itself; a software pipe decodes the whole picture.
-    using Pipe = std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)>;
-    Pipe pipe(ZOHW_CreateDecoder(kind, kHevc, width, height, 0), &ZOHW_Destroy);
-    const bool software = pipe && ZOHW_GetDecoderType(pipe.get()) == kSoftwareDecoder;
-    if (software && width != pictureWidth) pipe = Pipe(ZOHW_CreateDecoder(kind, kHevc, pictureWidth, height, 0), &ZOHW_Destroy);
-    if (!pipe) return fail(ZOHW_GetError(nullptr));
+    file.reset();
+    zoqrv_reader* opened = nullptr;
+    if (zoqrv_reader_open(input.c_str(), &options, &opened) != ZOQRV_OK) return fail(zoqrv_last_error());
+    const std::unique_ptr<zoqrv_reader, ReaderCloser> reader(opened);
+    zoqrv_recording_info info;
+    zoqrv_reader_get_info(reader.get(), &info);
+    kind = info.kind;
+    const uint32_t width = info.width, height = info.height;
+    if (width > maxSize.width || height > maxSize.height)
+        return fail(input + ": its frames are larger than " + std::to_string(maxSize.width) + "x" +
+                    std::to_string(maxSize.height) + " (--max-size)");
 
-    const int32_t records = tables.sampleCount;
+    const int64_t records = int64_t(info.frame_count);
     if (from >= records) return fail("--from " + std::to_string(from) + ": the file has " + std::to_string(records) + " records");
-    const int32_t last = count < 0 ? records : int32_t(std::min<int64_t>(int64_t(from) + count, records));
-    std::unique_ptr<RecordDecoder> decoder;
-    int32_t first = from;  // the record decoding starts at
-    if (software) {
-        const int startArgument = 0;
-        if (ZOHW_StartDecoding(pipe.get(), &startArgument) != 0 || ZOHW_CreateQRVTracker(pipe.get(), file.get()) != 0)
-            return fail(input + ": cannot read the sample index");
-        if (ZOHW_SetHEVCPositionInFile(pipe.get(), file.get(), from) != 0)
-            return fail("cannot decode up to record " + std::to_string(from));
-        decoder = std::make_unique<SoftwareRecords>(pipe.get(), file.get(), kind, pictureWidth, width, height);
-    } else {
-        while (first > 0 && tables.frameList[size_t(first)].frameType != kKeyFrameType) --first;
-        decoder = std::make_unique<HardwareRecords>(pipe.get(), file.get(), tables, packing::packedSize(kind, width, height));
-    }
+    const int64_t last = count < 0 ? records : std::min<int64_t>(int64_t(from) + count, records);
 
     std::error_code ec;
     std::filesystem::create_directories(outDir, ec);
     if (ec) return fail("cannot create " + outDir + ": " + ec.message());
-    printf("%s: %ux%u%s%s, records %d to %d\n", input.c_str(), width, height, asData ? " " : "",
-           asData ? kindName(kind) : "", from, last - 1);
+    fprintf(stderr, "zoqrv: decoding %s\n", info.hardware ? "on NVDEC" : "in software");
+    printf("%s: %ux%u%s%s, records %d to %lld\n", input.c_str(), width, height, asData ? " " : "",
+           asData ? kindName(kind) : "", from, static_cast<long long>(last - 1));
 
-    DecodedRecord decoded;
-    for (int32_t record = first; record < last; ++record) {
-        if (!decoder->next(record, decoded)) return fail("record " + std::to_string(record) + " did not decode");
-        if (record < from) continue;
+    std::vector<uint8_t> data(packing::packedSize(kind, width, height));
+    zoqrv_frame_info frame;
+    for (int64_t record = from; record < last; ++record) {
+        if (zoqrv_reader_read(reader.get(), uint64_t(record), data.data(), info.min_pitch, &frame) != ZOQRV_OK)
+            return fail("record " + std::to_string(record) + ": " + zoqrv_reader_error(reader.get()));
         char name[32];
-        snprintf(name, sizeof name, "frame_%06u", decoded.head.frameNumber);
+        snprintf(name, sizeof name, "frame_%06llu", static_cast<unsigned long long>(record + 1));
         std::string path;
-        if (!writeData((std::filesystem::path(outDir) / name).string(), kind, raw, decoded.data, width, height, path))
+        if (!writeData((std::filesystem::path(outDir) / name).string(), kind, raw, data, width, height, path))
             return fail("cannot write " + path);
-        printf("frame %u  capture time %llu  type %u  %s\n", decoded.head.frameNumber,
-               static_cast<unsigned long long>(decoded.head.captureTime), decoded.head.frameType, path.c_str());
+        printf("frame %lld  capture time %llu  type %u  %s\n", static_cast<long long>(record + 1),
+               static_cast<unsigned long long>(frame.timestamp), frame.frame_type, path.c_str());
     }
     return 0;
 }

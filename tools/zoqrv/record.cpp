@@ -1,6 +1,6 @@
-// zoqrv record: encodes raw frames of caller data from a file or standard input through the C
-// interface into a QRV file, as a recording host does. Without a choice of its own in
-// ZOQRV_ENCODER it records with NVENC where it can and with libx265 elsewhere.
+// zoqrv record: encodes raw frames of caller data from a file or standard input into a QRV file
+// through the recording API (zoqrv.h). Without a choice of its own in ZOQRV_ENCODER it records
+// with NVENC where it can and with the codec's software encoder elsewhere.
 //
 // What a recording host must not lose, it keeps: data kinds are coded lossless unless lossy
 // coding is asked for; SIGINT and SIGTERM end the recording at a frame boundary with its index
@@ -21,24 +21,22 @@
 #include <memory>
 #include <vector>
 
-#include "api/pipe.h"
-#include "codec/SwEncoder.h"
 #include "commands.h"
 #include "kernels/packing.h"
 #include "recording/recording_header.h"
-#include "zo_qrv64.h"
+#include "zoqrv.h"
 
 namespace {
 
 const char kUsage[] =
     "record --kind bgra|uyvy|u4|u8|u16|u32 --size WxH --fps N [--lossless | --lossy | --bitrate B]\n"
-    "                    [--sync-every SECONDS] [--force] OUT.qrv [IN]\n"
+    "                    [--codec h264|hevc] [--sync-every SECONDS] [--force] OUT.qrv [IN]\n"
+    "  --codec: HEVC where NVENC records, else lossless-friendly H.264 (libx264), unless named.\n"
     "  u4, u8, u16 and u32 are coded lossless unless --lossy or --bitrate asks otherwise;\n"
     "  bgra and uyvy at 8000000 bit/s (CBR) unless --lossless or --bitrate.\n"
     "  --sync-every: fdatasync the file every SECONDS (0: after every frame).\n"
     "  --force: replace an existing OUT.qrv (never the input). SIGINT/SIGTERM end the recording\n"
     "  with its index written (exit status 130/143); status 1 when a frame was not stored.";
-constexpr uint32_t kHevc = 1;
 constexpr uint64_t kDefaultBitrate = 8000000;
 
 bool parseUnsigned(const std::string& text, uint64_t& value) {
@@ -73,6 +71,7 @@ struct Options {
     uint64_t bitrate = kDefaultBitrate;
     double syncEvery = -1;  // seconds between fdatasync calls; below 0 never
     bool force = false;
+    int32_t codec = ZOQRV_CODEC_DEFAULT;
     std::string output, input;
 };
 
@@ -102,6 +101,10 @@ bool parseOptions(const Arguments& args, Options& options) {
             if (!choose(options.coding, args[i] == "--lossy" ? Coding::Lossy : Coding::Lossless)) return false;
         } else if (args[i] == "--sync-every" && hasValue) {
             if (!parseSeconds(args[++i], options.syncEvery)) return false;
+        } else if (args[i] == "--codec" && hasValue) {
+            const std::string name = args[++i];
+            if (name != "h264" && name != "hevc") return false;
+            options.codec = name == "h264" ? ZOQRV_CODEC_H264 : ZOQRV_CODEC_HEVC;
         } else if (args[i] == "--force") {
             options.force = true;
         } else if (args[i].rfind("--", 0) != 0) {
@@ -111,7 +114,6 @@ bool parseOptions(const Arguments& args, Options& options) {
         }
     }
     if (!kind || !size || !fps || paths.empty() || paths.size() > 2) return false;
-    options.header.codec = kHevc;
     options.output = paths[0];
     options.input = paths.size() == 2 ? paths[1] : "-";
     return true;
@@ -122,27 +124,16 @@ bool isLossless(const Options& options) {
     return options.header.kind != packing::kColour32 && options.header.kind != packing::kUyvy;
 }
 
-// Creates OUT for writing. The input is compared by device and inode, so no name of it (a link,
-// "./", standard input redirected from it) is truncated; an existing OUT is kept without --force
-// (O_EXCL, so a file that appears meanwhile is kept too).
-File createOutput(const Options& options, int inputFd, std::string& refusal) {
-    const std::string& out = options.output;
+// The recording must not replace its own input: compared by device and inode, so that no name of
+// it (a link, "./", standard input redirected from it) is truncated. The writer itself refuses an
+// existing OUT without --force.
+std::string inputAsOutput(const Options& options, int inputFd) {
     struct stat input {}, existing {};
-    if (stat(out.c_str(), &existing) == 0) {
-        if (fstat(inputFd, &input) == 0 && input.st_dev == existing.st_dev && input.st_ino == existing.st_ino) {
-            refusal = out + " is the input (" + (options.input == "-" ? "standard input" : options.input) +
-                      "): a recording never replaces what it records";
-            return nullptr;
-        }
-    }
-    const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (options.force ? O_TRUNC : O_EXCL), 0666);
-    if (fd < 0 && errno == EEXIST)
-        refusal = out + " exists: give --force to replace it (the output comes first: OUT.qrv [IN])";
-    else if (fd < 0)
-        refusal = "cannot create " + out + ": " + strerror(errno);
-    File file(fd < 0 ? nullptr : fdopen(fd, "wb"));
-    if (fd >= 0 && !file) close(fd);
-    return file;
+    if (stat(options.output.c_str(), &existing) != 0 || fstat(inputFd, &input) != 0 ||
+        input.st_dev != existing.st_dev || input.st_ino != existing.st_ino)
+        return {};
+    return options.output + " is the input (" + (options.input == "-" ? "standard input" : options.input) +
+           "): a recording never replaces what it records";
 }
 
 // Set by SIGINT and SIGTERM. They are blocked except while the loop waits for input, so they end
@@ -197,18 +188,9 @@ Input readFrame(int fd, std::vector<uint8_t>& frame, size_t& got, const sigset_t
     return Input::Frame;
 }
 
-const char* encoderName(ZoHwPipe* pipe) {
-    return dynamic_cast<const SwEncoder*>(pipe->encoder.get()) ? "x265 (software)" : "NVENC";
-}
-
-// Encodes and stores one frame; the library's text when it did not.
-std::string store(ZoHwPipe* pipe, FILE* out, const uint8_t* frame, uint64_t pitch, uint64_t captureTime,
-                  const uint32_t* metadata, uint64_t& size) {
-    if (ZOHW_Encode_And_Store(pipe, out, &size, frame, pitch, captureTime, metadata, int32_t(kMetadataWords)) == 0)
-        return {};
-    const std::string text = ZOHW_GetError(pipe);
-    return text.empty() ? "the encoder gave no bytes" : text;
-}
+struct WriterCloser {
+    void operator()(zoqrv_writer* writer) const { zoqrv_writer_close(writer); }
+};
 
 }  // namespace
 
@@ -222,38 +204,40 @@ int runRecord(const Arguments& args) {
     File input(options.input == "-" ? nullptr : fopen(options.input.c_str(), "rb"));
     if (options.input != "-" && !input) return fail("cannot open " + options.input);
     const int inputFd = input ? fileno(input.get()) : STDIN_FILENO;
-    std::string refusal;
-    File out = createOutput(options, inputFd, refusal);
-    if (!out) return fail(refusal);
+    if (const std::string refusal = inputAsOutput(options, inputFd); !refusal.empty()) return fail(refusal);
     const sigset_t waiting = catchStopSignals();
     signal(SIGXFSZ, SIG_IGN);  // a file size limit fails the frames that pass it, not the recording
 
-    setenv("ZOQRV_ENCODER", "auto", 0);  // the user's own choice stands
     const bool lossless = isLossless(options);
-    std::unique_ptr<ZoHwPipe, void (*)(ZoHwPipe*)> pipe(
-        ZOHW_CreateEncoder(header.kind, header.codec, lossless ? 1 : 0, header.width, header.height,
-                           lossless ? 0 : options.bitrate, header.frameRate),
-        &ZOHW_Destroy);
-    if (!pipe) return fail(ZOHW_GetError(nullptr));
-    const std::vector<uint8_t> fileHeader = encodeRecordingHeader(header);
-    if (ZOHW_CreateQRVContainer(pipe.get(), out.get(), fileHeader.data(), int32_t(fileHeader.size())) != 0)
-        return fail(ZOHW_GetError(pipe.get()));
+    zoqrv_writer_options writerOptions;
+    zoqrv_writer_options_init(&writerOptions, header.kind, header.width, header.height, header.frameRate);
+    writerOptions.codec = options.codec;
+    writerOptions.lossless = lossless ? 1 : 0;
+    writerOptions.bitrate = lossless ? 0 : options.bitrate;
+    writerOptions.overwrite = options.force ? 1 : 0;
+    zoqrv_writer* opened = nullptr;
+    const zoqrv_status status = zoqrv_writer_open(options.output.c_str(), &writerOptions, &opened);
+    if (status == ZOQRV_ERROR_EXISTS)
+        return fail(options.output + " exists: give --force to replace it (the output comes first: OUT.qrv [IN])");
+    if (status != ZOQRV_OK) return fail(zoqrv_last_error());
+    std::unique_ptr<zoqrv_writer, WriterCloser> writer(opened);
+    zoqrv_writer_info info;
+    zoqrv_writer_get_info(writer.get(), &info);
     const std::string coding = lossless ? "lossless" : std::to_string(options.bitrate) + " bit/s";
+    const std::string encoder = std::string(info.encoder) + (info.codec == ZOQRV_CODEC_H264 ? " H.264" : " HEVC");
     fprintf(stderr, "zoqrv: recording %s %ux%u at %u frames/s, %s, encoder %s\n", kindName(header.kind),
-            header.width, header.height, header.frameRate, coding.c_str(), encoderName(pipe.get()));
+            header.width, header.height, header.frameRate, coding.c_str(), encoder.c_str());
 
     std::vector<uint8_t> frame(frameBytes);
     uint32_t metadata[kMetadataWords] = {};
     const bool terminal = isatty(fileno(stderr));
     uint32_t frames = 0, stored = 0;
-    uint64_t bytes = 0;
     std::string problem;
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     auto synced = start;
     const auto sync = [&] {
-        if (fflush(out.get()) != 0 || fdatasync(fileno(out.get())) != 0)
-            fail("cannot sync " + options.output + " to disk: " + strerror(errno));
+        if (zoqrv_writer_sync(writer.get()) != ZOQRV_OK) fail(zoqrv_writer_error(writer.get()));
         synced = Clock::now();
     };
     for (size_t got = 0;; ++frames) {
@@ -266,28 +250,26 @@ int runRecord(const Arguments& args) {
         if (read != Input::Frame) break;
         metadata[0] = frames;
         const uint64_t captureTime = uint64_t(std::llround(double(frames) * 1e6 / header.frameRate));
-        uint64_t size = 0;
-        const std::string failure = store(pipe.get(), out.get(), frame.data(),
-                                          packing::tightPitch(header.kind, header.width), captureTime, metadata, size);
-        if (!failure.empty()) {
-            fail("frame " + std::to_string(frames) + " not stored: " + failure);
+        if (zoqrv_writer_write(writer.get(), frame.data(), packing::tightPitch(header.kind, header.width), captureTime,
+                               metadata, ZOQRV_METADATA_WORDS) != ZOQRV_OK) {
+            fail("frame " + std::to_string(frames) + " not stored: " + zoqrv_writer_error(writer.get()));
             continue;
         }
         ++stored;
-        bytes += size;
         if (options.syncEvery >= 0 && std::chrono::duration<double>(Clock::now() - synced).count() >= options.syncEvery)
             sync();
-        if (terminal && stored % 10 == 0) fprintf(stderr, "\rframe %u, %" PRIu64 " bytes", stored, bytes);
+        if (terminal && stored % 10 == 0) fprintf(stderr, "\rframe %u", stored);
     }
     if (terminal) fprintf(stderr, "\r\033[K");
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     // Every frame recorded so far stays in a valid file, whatever ended the input.
-    const bool indexed = ZOHW_CloseQRVContainer(pipe.get(), out.get()) == 0;
     if (options.syncEvery >= 0) sync();
-    // (The stream's error flag stays set after a record that the library rolled back.)
-    const bool written = indexed && fclose(out.release()) == 0;
+    const bool written = zoqrv_writer_close(writer.release()) == ZOQRV_OK;
+    if (!written) fail(zoqrv_last_error());
+    struct stat recorded {};
+    const uint64_t bytes = stat(options.output.c_str(), &recorded) == 0 ? uint64_t(recorded.st_size) : 0;
     const uint32_t lost = frames - stored;
-    printf("%u frames, %" PRIu64 " bytes, encoder %s, %s, %.1f frames/s\n", stored, bytes, encoderName(pipe.get()),
+    printf("%u frames, %" PRIu64 " bytes, encoder %s, %s, %.1f frames/s\n", stored, bytes, encoder.c_str(),
            coding.c_str(), seconds > 0 ? stored / seconds : 0.0);
     if (lost > 0) fail(std::to_string(lost) + " of " + std::to_string(frames) + " frames not stored");
     if (!problem.empty()) fail(problem + "; the " + std::to_string(stored) + " frames stored before it are kept");
