@@ -78,11 +78,11 @@ for line in (streams / "list.txt").read_text().split("\n"):
     whole = qrv.read_bytes()
     for cut, part in (("whole", whole), ("cut", whole[:len(whole) * 2 // 3]), ("open", whole[:-4])):
         (out / "fuzz_qrv_scan" / f"{name}_{cut}").write_bytes(part)
-    # Through the recording API: software (1) and automatic decoding of 8-bit samples, every
-    # frame, then frames 2, 0, past the end and 1.
+    # Through the recording API: software (1) and automatic decoding of 8-bit samples, the first
+    # two frames, then frame 4 (or past the end).
     for decoder in (1, 0):
         (out / "fuzz_recording_reader" / f"{name}_{decoder}").write_bytes(
-            bytes([decoder | 3 << 1]) + size + bytes([2, 0, 255, 1]) + qrv.read_bytes())
+            bytes([decoder | 3 << 1]) + size + bytes([4]) + qrv.read_bytes())
     (out / "fuzz_sw_payload" / name).write_bytes(size + b"QRVNEXT".join(list(records(qrv))[:4]))
     for path in streams.glob(name + ".*"):
         if path.suffix != ".txt": (out / "fuzz_annexb_zoqrv" / path.name).write_bytes(path.read_bytes())
